@@ -1,0 +1,56 @@
+# Convenience front end over CMake.
+#   make                  build into build/ (build/libconfigmanager.so)
+#   make test             build and run every test
+#   make test-be          cross-build for s390x (big-endian) into build-be/, run the
+#                         tests under qemu, compare data files with the native build
+#   make install PREFIX=  install library, headers and pkg-config file
+BUILD ?= build
+BUILD_BE ?= build-be
+PREFIX ?= /usr/local
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?=
+
+.PHONY: all build test test-be build-be be-sysroot compare-be install clean
+
+all: build
+
+$(BUILD)/CMakeCache.txt:
+	cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(CMAKE_FLAGS)
+
+build: $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# Big-endian leg: s390x cross build under $(BUILD_BE), tests run under
+# qemu-s390x.  OpenSSL and GoogleTest for s390x are unpacked from Debian's
+# packages into $(BUILD_BE)/sysroot.
+BE_SYSROOT := $(BUILD_BE)/sysroot
+
+be-sysroot:
+	tools/be/fetch-sysroot.sh $(BE_SYSROOT)
+
+$(BUILD_BE)/CMakeCache.txt: | be-sysroot
+	cmake -S . -B $(BUILD_BE) -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/toolchain-s390x.cmake \
+	  -DCM_BE_SYSROOT=$(abspath $(BE_SYSROOT)) $(CMAKE_FLAGS)
+
+build-be: be-sysroot $(BUILD_BE)/CMakeCache.txt
+	cmake --build $(BUILD_BE) -j $(JOBS)
+
+# Then the sample writer of both builds must produce identical data files.
+test-be: build-be
+	cd $(BUILD_BE) && ctest --output-on-failure -j $(JOBS)
+	$(MAKE) compare-be
+
+compare-be: $(BUILD)/CMakeCache.txt build-be
+	cmake --build $(BUILD) -j $(JOBS) --target cm_write_sample
+	tools/be/compare-endianness.sh $(BUILD) $(BUILD_BE)
+
+install: $(BUILD)/CMakeCache.txt
+	cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX)
+	cmake --build $(BUILD) -j $(JOBS)
+	cmake --install $(BUILD)
+
+clean:
+	rm -rf $(BUILD) $(BUILD_BE)

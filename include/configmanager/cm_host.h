@@ -1,0 +1,24 @@
+/*
+ * Host and test extensions.  NOT part of the device's interface: these exist
+ * so that tools on a development host and test suites can run the library
+ * against a private copy of the device's file tree.
+ */
+#ifndef CONFIGMANAGER_CM_HOST_H
+#define CONFIGMANAGER_CM_HOST_H
+
+#include "configmanager/cm_types.h"
+
+CM_EXTERN_C_BEGIN
+
+/* Sets the directory under which every fixed path of the library resolves
+ * (data files, lock and marker files, tag cache).  The default is "/".
+ * Call before the library is started.  0, or -1 when the library is running
+ * or the path is too long. */
+CM_EXPORT int CM_Host_SetRootDirectory(const char* szRoot);
+
+/* The current root directory. */
+CM_EXPORT const char* CM_Host_GetRootDirectory(void);
+
+CM_EXTERN_C_END
+
+#endif

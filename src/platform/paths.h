@@ -1,0 +1,31 @@
+// Fixed paths of the system, resolved under one root directory.
+//
+// On the device the root is "/", so every path is used as it stands.  Host
+// tools and tests move the whole tree under a directory of their own with
+// setRoot() before the library is started.  Resolved paths are computed once
+// per setRoot(), so the hot paths never build strings.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace cm::paths {
+
+// Device paths of the fixed files outside the catalogue.
+inline constexpr const char* kDefaultsLockFile = "/tmp/_LoadDefaultsAllLock_";
+inline constexpr const char* kClearHistoryMarker = "/var/AppData/.clearhistory";
+inline constexpr const char* kTagCacheFile = "/var/AppData/config/CMTagSortedList.txt";
+
+// Sets the root directory ("/" or empty for the device layout).  Returns
+// false when the text is too long for a path.
+bool setRoot(std::string_view root);
+const char* root();
+
+// The resolved path of data file iFileIndex (0..9).
+const char* dataFile(int iFileIndex);
+// The resolved path of the all-defaults lock file.
+const char* defaultsLockFile();
+// Any other fixed device path, resolved under the root.
+std::string resolve(std::string_view devicePath);
+
+}  // namespace cm::paths

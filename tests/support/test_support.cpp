@@ -1,0 +1,144 @@
+#include "support/test_support.h"
+
+#include <stdarg.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "catalogue/catalogue.h"
+#include "configmanager/applog.h"
+#include "lifecycle/state.h"
+#include "log/log.h"
+#include "platform/paths.h"
+#include "storage/file_state.h"
+
+namespace fs = std::filesystem;
+
+namespace cmtest {
+
+TempRoot::TempRoot() {
+    const char* base = std::getenv("TMPDIR");
+    std::string tmpl = std::string(base && *base ? base : "/tmp") + "/cmtest.XXXXXX";
+    char* made = mkdtemp(tmpl.data());
+    if (made == nullptr) throw std::runtime_error("mkdtemp failed");
+    dir_ = made;
+    fs::create_directories(dir_ + "/tmp");
+    fs::create_directories(dir_ + "/var/AppData/config");
+    cm::paths::setRoot(dir_);
+}
+
+TempRoot::~TempRoot() {
+    cm::paths::setRoot("/nonexistent-test-root");
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+}
+
+CaptureSink::CaptureSink() { cm::log::setSink(this); }
+CaptureSink::~CaptureSink() { cm::log::setSink(nullptr); }
+
+void CaptureSink::write(cm::log::Channel ch, int priority, const char* fmt, va_list ap) {
+    char buf[4096];
+    vsnprintf(buf, sizeof buf, fmt, ap);
+    std::lock_guard<std::mutex> g(mu_);
+    lines_.push_back({ch, priority, buf});
+}
+
+std::vector<CaptureSink::Line> CaptureSink::lines() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return lines_;
+}
+
+bool CaptureSink::contains(const std::string& fragment) const { return count(fragment) > 0; }
+
+int CaptureSink::count(const std::string& fragment) const {
+    std::lock_guard<std::mutex> g(mu_);
+    int n = 0;
+    for (const auto& l : lines_)
+        if (l.text.find(fragment) != std::string::npos) ++n;
+    return n;
+}
+
+void CaptureSink::clear() {
+    std::lock_guard<std::mutex> g(mu_);
+    lines_.clear();
+}
+
+std::string CaptureSink::dump() const {
+    std::lock_guard<std::mutex> g(mu_);
+    std::string out;
+    for (const auto& l : lines_) out += l.text;
+    return out;
+}
+
+FastEnv::FastEnv() { cm::platform::setEnv(this); }
+FastEnv::~FastEnv() { cm::platform::setEnv(nullptr); }
+
+void FastEnv::sleepFor(std::chrono::nanoseconds d) {
+    {
+        std::lock_guard<std::mutex> g(mu_);
+        sleeps_.push_back(d);
+    }
+    if (onSleep) onSleep(d);
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+}
+
+std::vector<std::chrono::nanoseconds> FastEnv::sleeps() const {
+    std::lock_guard<std::mutex> g(mu_);
+    return sleeps_;
+}
+
+void resetLibraryState() {
+    using namespace cm;
+    for (int i = 0; i < storage::kNumFiles; ++i) {
+        if (storage::pMappedFile[i]) munmap(const_cast<uint8_t*>(storage::pMappedFile[i]), storage::dwLenMappedFile[i]);
+        if (storage::fdRead[i] >= 0) close(storage::fdRead[i]);
+        std::free(storage::pPrevData[i]);
+        storage::fdRead[i] = -1;
+        storage::pMappedFile[i] = nullptr;
+        storage::dwLenMappedFile[i] = 0;
+        storage::dwLenActualFile[i] = 0;
+        storage::dwLenCorrectFile[i] = 0;
+        storage::pPrevData[i] = nullptr;
+        storage::bBadFile[i] = 0;
+        storage::inotifywd[i] = -1;
+        const auto& file = catalogue::sConfigItemList[i];
+        for (int r = 0; r < file.iNumItems; ++r) file.pItems[r].setRecordOffset(catalogue::kNoRecord);
+    }
+    const int ifd = lifecycle::inotifyfd.exchange(-1);
+    if (ifd >= 0) close(ifd);
+    lifecycle::ucCMInitialised = 0;
+    lifecycle::bCMmaster = 0;
+    lifecycle::s_bKillCM = 0;
+    log::oLogMode = 1;
+    log::dwLogFilter = 5;
+    g_iConsoleLog = 0;
+}
+
+bool waitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (cond()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return cond();
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void writeFile(const std::string& path, const std::string& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << bytes;
+}
+
+}  // namespace cmtest
