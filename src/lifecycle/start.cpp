@@ -1,0 +1,164 @@
+#include "lifecycle/start.h"
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "catalogue/catalogue.h"
+#include "configmanager/cm_lifecycle.h"
+#include "lifecycle/shutdown.h"
+#include "lifecycle/state.h"
+#include "log/log.h"
+#include "notify/registry.h"
+#include "platform/env.h"
+#include "storage/file_state.h"
+#include "storage/open_map.h"
+#include "storage/setup.h"
+#include "watch/watch_thread.h"
+
+namespace cm::lifecycle {
+namespace {
+
+constexpr auto kLogModule = log::Module::ConfigParam;
+constexpr uint32_t kStartErr = 291, kStartWarn = 292, kStartNotice = 293, kStartInfo = 294;
+constexpr uint32_t kNotStartedWarn = 36;
+
+using storage::kNumFiles;
+
+void alreadyStartedWarning(const char* fn) {
+    CM_LOG(kStartWarn, fn, "Warning, CM already initialised..., ID=%d\n", getpid());
+}
+
+bool notStarted(const char* fn) {
+    if (started()) return false;
+    CM_LOG(kNotStartedWarn, fn, "Warning, CM not initialised..., ID=%d\n", getpid());
+    return true;
+}
+
+}  // namespace
+
+const char* buildDate() { return __DATE__; }
+const char* buildTime() { return __TIME__; }
+
+int init(int iMaster) {
+    if (ucCMInitialised != 0) {
+        alreadyStartedWarning("CM_init");
+        return CM_ERR_ALREADY_STARTED;
+    }
+    if (pthread_mutex_lock(&mCMcallback) != 0) {
+        CM_LOG(kStartErr, "CM_init", "CM - mCMcallback lock failed.\n");
+        return CM_FAIL;
+    }
+    notify::clearRegistry();
+    pthread_mutex_unlock(&mCMcallback);
+    // A failure to take the start mutex is reported as success on purpose:
+    // callers have always treated it so.
+    if (pthread_mutex_lock(&mCMMutex) != 0) return CM_OK;
+    if (iMaster != 0) setAsMaster();
+    fileAccessInit();
+    ucCMInitialised = kStarted;
+    pthread_mutex_unlock(&mCMMutex);
+    return CM_OK;
+}
+
+int fileAccessInit() {
+    CM_LOG_TAGGED(kStartInfo, "CM File Access Initialising..., PID=%d:%d. built %s on %s\n", getpid(), platform::tid(),
+                  buildTime(), buildDate());
+    for (const auto& file : catalogue::sConfigItemList)
+        CM_LOG_TAGGED(log::kDebug, "File '%s': Number of entries=%d, start offset=%d \n", file.szPath, file.iNumItems,
+                      file.iFirstVarID);
+    // A thread of an earlier start must be gone before files are opened again.
+    watch::waitForStaleWatchThread();
+    s_bKillCM = 0;
+    const int fd = inotify_init();
+    if (fd < 0) errQuit("'inotify_init failed'", __LINE__);
+    inotifyfd = fd;
+    fcntl(fd, F_SETFD, FD_CLOEXEC);
+
+    int result = 0;
+    for (int i = 0; i < kNumFiles; ++i) {
+        storage::fdRead[i] = -1;
+        storage::inotifywd[i] = -1;
+        const int rc = pthread_mutex_init(&storage::mtxFile[i], nullptr);
+        if (rc != 0) {
+            CM_LOG_TAGGED(kStartErr, "**ERROR: PID=%d. File '%s' - Failed to initialise CM mutex, error=%d '%s'\n",
+                          getpid(), storage::pathOf(i), rc, std::strerror(rc));
+            return -1;
+        }
+        result = storage::setUpConfigFile(i);
+    }
+    const int rc = watch::startWatchThread();
+    if (rc != 0) {
+        errno = rc;
+        errQuit("'Failed to create CM_ReadThread() inotify thread'", __LINE__);
+    }
+    // Only the last file's result decides the banner.
+    if (result < 0)
+        CM_LOG_TAGGED(kStartWarn, "CM File Access Initialisation FAILED. Version %d.%03d.%d.%d (%s %s)\n",
+                      CM_VERSION_MAJOR, CM_VERSION_MINOR, CM_VERSION_PATCH, CM_VERSION_BUILD, buildDate(), buildTime());
+    else
+        CM_LOG_TAGGED(kStartNotice, "CM File Access initialised successfully. Version %d.%03d.%d.%d (%s %s)\n",
+                      CM_VERSION_MAJOR, CM_VERSION_MINOR, CM_VERSION_PATCH, CM_VERSION_BUILD, buildDate(), buildTime());
+    if (isMaster())
+        createVersionInfoFile_date(CM_VERSION_MAJOR, CM_VERSION_MINOR, CM_VERSION_PATCH, CM_VERSION_BUILD,
+                                   "ConfigManagerVersion", buildDate(), buildTime(), 0);
+    return result;
+}
+
+int initNoRegister() {
+    if (ucCMInitialised != 0) {
+        alreadyStartedWarning("CM_initNoRegister");
+        return CM_ERR_ALREADY_STARTED;
+    }
+    fileAccessInitNoRegister();
+    ucCMInitialised = kStarted;
+    return CM_OK;
+}
+
+int fileAccessInitNoRegister() {
+    CM_LOG_TAGGED(kStartInfo, "CM File Access Initialising (No Register)..., PID=%d:%d. built %s on %s\n", getpid(),
+                  platform::tid(), buildTime(), buildDate());
+    inotifyfd = -1;
+    int result = 0;
+    for (int i = 0; i < kNumFiles; ++i) {
+        storage::inotifywd[i] = -1;
+        storage::fdRead[i] = -1;
+        storage::pMappedFile[i] = nullptr;
+        storage::dwLenMappedFile[i] = 0;
+        storage::dwLenActualFile[i] = 0;
+        const int rc = pthread_mutex_init(&storage::mtxFile[i], nullptr);
+        if (rc != 0) {
+            CM_LOG_TAGGED(kStartErr, "**ERROR: PID=%d. CM data file [%d] '%s' - Failed to initialise CM mutex, error=%d '%s'\n",
+                          getpid(), i, storage::pathOf(i), rc, std::strerror(rc));
+            result = -1;
+            continue;
+        }
+        result = storage::openFile(i);
+        if (result >= 0) result = storage::initialiseDataStruct(i, false, false);
+    }
+    return result;
+}
+
+int exit() {
+    if (notStarted("CM_Exit")) return CM_ERR_NOT_STARTED_OR_ID;
+    ucCMInitialised = 0;
+    cleanUp();
+    return CM_OK;
+}
+
+int exitDelayed() {
+    if (notStarted("CM_Exit_Delayed")) return CM_ERR_NOT_STARTED_OR_ID;
+    ucCMInitialised = 0;
+    kill();
+    return CM_OK;
+}
+
+void setAsMaster() {
+    CM_LOG(kStartInfo, "CM_SetAsMaster", "PID=%d:%d set as Configuration Manager Master\n", getpid(), platform::tid());
+    bCMmaster = 1;
+}
+
+}  // namespace cm::lifecycle

@@ -1,0 +1,40 @@
+#include "storage/file_state.h"
+
+#include "log/log.h"
+#include "platform/paths.h"
+
+namespace cm::storage {
+namespace {
+constexpr auto kLogModule = log::Module::FileAccess;
+}
+
+int fdRead[kNumFiles] = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+uint32_t dwLenCorrectFile[kNumFiles] = {};
+uint32_t dwLenActualFile[kNumFiles] = {};
+const uint8_t* pMappedFile[kNumFiles] = {};
+uint32_t dwLenMappedFile[kNumFiles] = {};
+uint8_t* pPrevData[kNumFiles] = {};
+uint8_t bBadFile[kNumFiles] = {};
+pthread_mutex_t mtxFile[kNumFiles] = {PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
+                                      PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
+                                      PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
+                                      PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
+                                      PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER};
+int inotifywd[kNumFiles] = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+
+uint32_t correctLength(int iFileIndex) {
+    const catalogue::ConfigItemList& file = catalogue::sConfigItemList[iFileIndex];
+    uint32_t len = kHeaderSize;
+    for (int r = 0; r < file.iNumItems; ++r) len += file.pItems[r].wDataSize + kRecordHeader;
+    return len;
+}
+
+bool checkIndex(int iFileIndex, const char* fn) {
+    if (iFileIndex >= 0 && iFileIndex < kNumFiles) return true;
+    CM_LOG(log::kErr, fn, "Out of bounds file index of %d\n", iFileIndex);
+    return false;
+}
+
+const char* pathOf(int iFileIndex) { return paths::dataFile(iFileIndex); }
+
+}  // namespace cm::storage

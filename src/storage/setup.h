@@ -1,0 +1,26 @@
+// Setting up a data file: open (the master creates), check record by record
+// against the catalogue, fill in record offsets, repair (master only), map,
+// snapshot and watch.
+#pragma once
+
+namespace cm::storage {
+
+// Check results of initialiseDataStruct.
+enum CheckResult : int {
+    kFileGood = 0,
+    kFileEmptyOrShort = 1,   // empty (non-master) or shorter than correct (master)
+    kBadHeader = 2,          // header missing or version mismatch
+    kRecordsMissing = 4,     // records missing at the end, or last one truncated
+    kWrongRelativeId = 5,
+    kWrongLength = 6,
+};
+
+// 0 when a new file was created and defaulted, else initialiseDataStruct's
+// result, or -1.
+int setUpConfigFile(int iFileIndex);
+// Checks an open file under the whole-file lock; returns a CheckResult or -1.
+int initialiseDataStruct(int iFileIndex, bool bInitPrev, bool bStartWatch);
+// Notifies every variable of the file as changed.  0, or -1.
+int actionChangesToAllNewItems(int iFileIndex);
+
+}  // namespace cm::storage

@@ -1,0 +1,184 @@
+#include "watch/file_change.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "catalogue/catalogue.h"
+#include "lifecycle/state.h"
+#include "log/log.h"
+#include "notify/registry.h"
+#include "platform/env.h"
+#include "storage/byte_order.h"
+#include "storage/defaults.h"
+#include "storage/file_state.h"
+#include "storage/lock.h"
+#include "storage/open_map.h"
+#include "storage/setup.h"
+#include "watch/inotify_watch.h"
+
+namespace cm::watch {
+namespace {
+
+constexpr auto kLogModule = log::Module::FileAccess;
+constexpr int kGrowthChecks = 50;
+using namespace storage;
+
+// Set-up again after a length change, then everything counts as changed.
+void reprocess(int i) {
+    initialiseDataStruct(i, true, false);
+    actionChangesToAllNewItems(i);
+}
+
+// The master waits up to 5 s for a short file to reach its length (a
+// writer may be rebuilding it), then reprocesses it either way.
+void growthWait(int i, off_t size) {
+    const unsigned long correct = dwLenCorrectFile[i];
+    CM_LOG_TAGGED(log::kWarn, "CM_ReadThread, PID=%d. CM data file [%d] '%s' length %lu too short (expected %lu), waiting for growth\n",
+                  getpid(), i, pathOf(i), static_cast<unsigned long>(size), correct);
+    for (int n = 0; n < kGrowthChecks && static_cast<unsigned long>(size) < correct; ++n) {
+        platform::sleepMs(100);
+        struct stat st{};
+        if (fstat(fdRead[i], &st) != 0) {
+            const int e = errno;
+            CM_LOG_TAGGED(log::kErr, "**ERROR: CM_ReadThread, PID=%d. Failed to fstat CM data file [%d] '%s': errno=%d '%s'\n",
+                          getpid(), i, pathOf(i), e, std::strerror(e));
+            continue;
+        }
+        size = st.st_size;
+    }
+    if (static_cast<unsigned long>(size) < correct)
+        CM_LOG_TAGGED(log::kWarn, "CM_ReadThread, PID=%d. CM data file [%d] '%s' length %lu still too short after waiting (expected %lu) - reprocess the file\n",
+                      getpid(), i, pathOf(i), static_cast<unsigned long>(size), correct);
+    else
+        CM_LOG_TAGGED(log::kNotice, "CM_ReadThread, PID=%d. CM data file [%d] '%s' length %lu after wait (expected %lu) - reprocess the file\n",
+                      getpid(), i, pathOf(i), static_cast<unsigned long>(size), correct);
+}
+
+// Makes the private copy when there is none yet.  False when none could be made.
+bool ensurePrevData(int i) {
+    if (pPrevData[i] != nullptr) return true;
+    if (!mapped(i)) {
+        CM_LOG(log::kErr, "CM_InitialisePrevDataWithLock",
+               "dwLenMappedFile[%d] or pMappedFile[] is zero, cannot alloc block for data - skipping...\n", i);
+    } else {
+        CM_LOG(log::kDebug, "CM_InitialisePrevDataWithLock", "pPrevData[%d] zero so mallocing it...\n", i);
+        FileLock whole(i, 0, 0);
+        initialisePrevData(i);
+    }
+    if (pPrevData[i] != nullptr) return true;
+    CM_LOG(log::kErr, "CM_ActionFileChange", "Initialise oPrevData[%d] failed - quitting\n", i);
+    return false;
+}
+
+}  // namespace
+
+void handleDeletedFile(int i) {
+    CM_LOG_TAGGED(log::kNotice, "CM_ReadThread, PID=%d. CM data file [%d] '%s' has been deleted - Restart CM mechanism for it\n",
+                  getpid(), i, pathOf(i));
+    unmapFile(i);
+    if (inotifywd[i] >= 0) removeInotifyWatch(i);
+    if (fdRead[i] >= 0) close(fdRead[i]);
+    bBadFile[i] = 0;
+    fdRead[i] = -1;
+    dwLenActualFile[i] = 0;
+    setUpConfigFile(i);
+    actionChangesToAllNewItems(i);
+}
+
+void handleModifiedFile(int i) {
+    struct stat st{};
+    if (fstat(fdRead[i], &st) != 0) {
+        CM_LOG_TAGGED(log::kErr, "**ERROR: CM_ReadThread, PID=%d. Failed to fstat CM data file [%d] '%s': %m\n", getpid(), i,
+                      pathOf(i));
+        return;
+    }
+    const auto size = static_cast<unsigned long>(st.st_size);
+    const bool master = lifecycle::isMaster();
+    if (size == dwLenActualFile[i]) {
+        if (!master && bBadFile[i] && size == dwLenCorrectFile[i]) {
+            CM_LOG_TAGGED(log::kNotice, "CM_ReadThread, PID=%d. CM data file [%d] '%s' length %lu (correct) - reprocess the file as previously bad data\n",
+                          getpid(), i, pathOf(i), size);
+            reprocess(i);
+        } else {
+            CM_LOG_TAGGED(log::kDebug, "CM_ReadThread, PID=%d. File '%s' has changed but same length - checking for changed values...\n",
+                          getpid(), pathOf(i));
+            actionFileChange(i);
+        }
+        return;
+    }
+    if (dwLenCorrectFile[i] == 0) dwLenCorrectFile[i] = correctLength(i);
+    const unsigned long correct = dwLenCorrectFile[i];
+    const unsigned long before = dwLenActualFile[i];
+    if (master) {
+        CM_LOG_TAGGED(log::kNotice, "CM_ReadThread, PID=%d. CM data file [%d] '%s' length changed from %lu to %lu (expected %lu)\n",
+                      getpid(), i, pathOf(i), before, size, correct);
+        if (size < correct) growthWait(i, st.st_size);
+        reprocess(i);
+    } else if (size != correct) {
+        CM_LOG_TAGGED(log::kWarn, "CM_ReadThread, PID=%d. CM data file [%d] '%s' length changed from %lu to %lu (wrong, expected %lu) - ignore as Master should fix it\n",
+                      getpid(), i, pathOf(i), before, size, correct);
+        dwLenActualFile[i] = static_cast<uint32_t>(size);
+    } else {
+        CM_LOG_TAGGED(log::kNotice, "CM_ReadThread, PID=%d. CM data file [%d] '%s' length changed from %lu to %lu (correct) - reprocess the file\n",
+                      getpid(), i, pathOf(i), before, size);
+        reprocess(i);
+    }
+}
+
+void actionFileChange(int i) {
+    constexpr const char* fn = "CM_ActionFileChange";
+    // Change flags by absolute ID; this thread alone uses them.
+    static bool changed[catalogue::kNumVarIds + 6];
+    if (!ensurePrevData(i)) return;
+    const auto& file = catalogue::sConfigItemList[i];
+    const int32_t first = file.iFirstVarID;
+    std::memset(changed + first, 0, static_cast<size_t>(file.iNumItems) * sizeof(bool));
+    bool repair = false;
+    bool anyChange = false;
+    {
+        FileLock whole(i, 0, 0);
+        const uint8_t* map = pMappedFile[i];
+        uint8_t* prev = pPrevData[i];
+        const uint32_t len = dwLenMappedFile[i];
+        // An untouched file is the common case: one comparison settles it.
+        if (map != nullptr && len != 0 && std::memcmp(map, prev, len) != 0) {
+            for (int r = 0; r < file.iNumItems; ++r) {
+                const auto& e = file.pItems[r];
+                const uint32_t off = e.recordOffset();
+                if (off == catalogue::kNoRecord || off < kHeaderSize || off + kRecordHeader + e.wDataSize > len) continue;
+                const unsigned rel = loadBe16(map + off);
+                const unsigned storedLen = loadBe16(map + off + 2);
+                if (rel != static_cast<unsigned>(r)) {
+                    CM_LOG(log::kErr, fn, "CM data file [%d] '%s' record at offset %lu  has wrong relative ID=%u (expected %d)\n",
+                           i, pathOf(i), static_cast<unsigned long>(off), rel, r);
+                    repair |= lifecycle::isMaster();
+                } else if (storedLen != e.wDataSize) {
+                    CM_LOG(log::kErr, fn, "CM data file [%d] '%s' record at offset %lu with ID=%d has wrong length=%u (expected %zu)\n",
+                           i, pathOf(i), static_cast<unsigned long>(off), r, storedLen, static_cast<size_t>(e.wDataSize));
+                    repair |= lifecycle::isMaster();
+                } else if (std::memcmp(map + off + kRecordHeader, prev + off + kRecordHeader, e.wDataSize) != 0) {
+                    CM_LOG_TAGGED(log::kInfo, "CM_ActionFileChange: Var %d (relative %d) in file '%s' - has changed\n",
+                                  first + r, r, pathOf(i));
+                    std::memcpy(prev + off + kRecordHeader, map + off + kRecordHeader, e.wDataSize);
+                    changed[first + r] = anyChange = true;
+                }
+            }
+        }
+        if (repair) {
+            if (writeDefaultData(i, false, true) == 0)
+                CM_LOG(log::kWarn, fn, "CM data file [%d] '%s' set to defaults for all its CM vars (ID=%d to %d), to fix data errors.\n",
+                       i, pathOf(i), first, first + file.iNumItems - 1);
+            std::memset(changed + first, 1, static_cast<size_t>(file.iNumItems) * sizeof(bool));
+            anyChange = true;
+        }
+    }
+    // Callbacks run only after the file lock is released, in ID order.
+    if (!anyChange) return;
+    for (int r = 0; r < file.iNumItems; ++r)
+        if (changed[first + r]) notify::notify(first + r);
+}
+
+}  // namespace cm::watch

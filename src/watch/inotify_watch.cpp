@@ -1,0 +1,72 @@
+#include "watch/inotify_watch.h"
+
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "lifecycle/state.h"
+#include "log/log.h"
+#include "storage/file_state.h"
+
+namespace cm::watch {
+namespace {
+
+constexpr auto kLogModule = log::Module::FileAccess;
+using namespace storage;
+
+// The checks shared by adding and removing a watch.
+bool checkWatchable(int i, const char* fn, bool forAdd) {
+    if (!checkIndex(i, fn)) return false;
+    if (fdRead[i] < 0) {
+        CM_LOG(log::kErr, fn, "Invalid File descriptor for file no. %d\n", i);
+        return false;
+    }
+    if (lifecycle::inotifyfd.load() < 0) {
+        CM_LOG(log::kErr, fn, "inotifyfd uninitialised for file no. %d\n", i);
+        return false;
+    }
+    if (forAdd && inotifywd[i] >= 0) {
+        CM_LOG(log::kErr, fn, "inotifywd[%d](=%d) already assigned\n", i, inotifywd[i]);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int addInotifyWatch(int i) {
+    if (!checkWatchable(i, "CM_AddInotifyWatch", true)) return -1;
+    const int wd = inotify_add_watch(lifecycle::inotifyfd.load(), pathOf(i), kWatchMask);
+    if (wd < 0) {
+        const int e = errno;
+        CM_LOG_TAGGED(log::kErr, "**ERROR: CM_AddInotifyWatch, PID=%d. Failed to add '%s' to inotify_add_watch, errno=%d '%s'\n",
+                      getpid(), pathOf(i), e, std::strerror(e));
+        return -1;
+    }
+    inotifywd[i] = wd;
+    CM_LOG_TAGGED(log::kDebug, "CM_AddInotifyWatch, PID=%d. Added '%s' to inotify list. inotifywd[] is %d\n", getpid(),
+                  pathOf(i), wd);
+    return 0;
+}
+
+int removeInotifyWatch(int i) {
+    int rc = -1;
+    if (checkWatchable(i, "CM_RemoveInotifyWatch", false)) {
+        const int was = inotifywd[i];
+        if (inotify_rm_watch(lifecycle::inotifyfd.load(), was) != 0) {
+            const int e = errno;
+            CM_LOG_TAGGED(log::kErr, "**ERROR: CM_RemoveInotifyWatch, PID=%d. Failed to remove '%s' from inotify list, errno=%d '%s'\n",
+                          getpid(), pathOf(i), e, std::strerror(e));
+        } else {
+            CM_LOG_TAGGED(log::kDebug, "CM_RemoveInotifyWatch, PID=%d. Removed '%s' from inotify list. inotifywd[] was %d\n",
+                          getpid(), pathOf(i), was);
+            rc = 0;
+        }
+    }
+    if (i >= 0 && i < kNumFiles) inotifywd[i] = -1;
+    return rc;
+}
+
+}  // namespace cm::watch

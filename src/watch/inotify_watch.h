@@ -1,0 +1,21 @@
+// Adding and removing the inotify watch of one data file.
+#pragma once
+
+#include <cstdint>
+
+namespace cm::watch {
+
+// IN_MODIFY | IN_CREATE | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF, plus
+// IN_ATTRIB: while any process holds a data file open, unlinking or
+// replacing it never frees the inode, so IN_DELETE_SELF does not come; the
+// link-count change (IN_ATTRIB) is the only sign, and the watch thread
+// checks whether the path still names the watched file.
+inline constexpr uint32_t kWatchMask = 0xF02 | 0x004;
+
+// 0, or -1 (bad index, no descriptor, no inotify descriptor, already watched,
+// or the kernel refused).  The watch descriptor goes into inotifywd.
+int addInotifyWatch(int iFileIndex);
+// Removes the watch; inotifywd is -1 afterwards in every case.
+int removeInotifyWatch(int iFileIndex);
+
+}  // namespace cm::watch

@@ -1,0 +1,206 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "lifecycle/shutdown.h"
+#include "lifecycle/state.h"
+#include "log/log.h"
+#include "platform/env.h"
+#include "platform/paths.h"
+#include "storage/file_state.h"
+#include "watch/file_change.h"
+#include "watch/watch_thread.h"
+
+namespace cm::watch {
+namespace {
+
+constexpr auto kLogModule = log::Module::FileAccess;
+constexpr size_t kEventBufferSize = 672;
+constexpr size_t kEventHeader = 16;  // wd, mask, cookie, len
+constexpr int kLockFileChecks = 100;
+
+using storage::kNumFiles;
+
+// Self-pipe that wakes the thread out of its wait for events at shutdown.
+int g_wakePipe[2] = {-1, -1};
+pthread_once_t g_wakeOnce = PTHREAD_ONCE_INIT;
+pthread_t g_thread;
+std::atomic<bool> g_threadLive{false};
+std::atomic<bool> g_threadJoinable{false};
+
+void makeWakePipe() {
+    if (pipe2(g_wakePipe, O_CLOEXEC | O_NONBLOCK) != 0) g_wakePipe[0] = g_wakePipe[1] = -1;
+}
+
+void drainWakePipe() {
+    char buf[64];
+    if (g_wakePipe[0] >= 0)
+        while (read(g_wakePipe[0], buf, sizeof buf) > 0) {
+        }
+}
+
+// True when the open file is no longer the one its path names (unlinked,
+// or replaced by a rename).
+bool fileReplaced(int i) {
+    struct stat open{}, named{};
+    if (storage::fdRead[i] < 0 || fstat(storage::fdRead[i], &open) != 0) return false;
+    if (open.st_nlink == 0 || stat(storage::pathOf(i), &named) != 0) return true;
+    return open.st_ino != named.st_ino || open.st_dev != named.st_dev;
+}
+
+struct PassFlags {
+    bool deleted[kNumFiles];
+    bool modified[kNumFiles];
+};
+
+// Waits for events (or a wake-up) and reads one buffer.  Returns the byte
+// count, 0 when woken, or -1 with errno set.
+ssize_t readEvents(int fd, uint8_t* buf) {
+    for (;;) {
+        pollfd fds[2] = {{fd, POLLIN, 0}, {g_wakePipe[0], POLLIN, 0}};
+        const int n = poll(fds, g_wakePipe[0] >= 0 ? 2 : 1, -1);
+        if (lifecycle::killRequested()) return 0;
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        if (fds[1].revents & POLLIN) {
+            drainWakePipe();
+            continue;
+        }
+        const ssize_t got = read(fd, buf, kEventBufferSize);
+        if (got < 0 && errno == EINTR) continue;
+        return got;
+    }
+}
+
+// Turns the events of one read into per-file flags.
+void parseEvents(const uint8_t* buf, size_t len, PassFlags& flags) {
+    constexpr const char* fn = "CM_ReadThread";
+    size_t at = 0;
+    while (len - at >= kEventHeader && !lifecycle::killRequested()) {
+        inotify_event ev;
+        std::memcpy(&ev, buf + at, kEventHeader);
+        const char* name = reinterpret_cast<const char*>(buf + at + kEventHeader);
+        if (ev.len != 0 && at + kEventHeader + ev.len <= len)
+            CM_LOG(log::kDebug, fn, "Inotify Event read: iBufIndex=%d. wd=%d mask=0x%X cookie=%u len=%u name=%s\n",
+                   static_cast<int>(at), ev.wd, ev.mask, ev.cookie, ev.len, name);
+        else
+            CM_LOG(log::kDebug, fn, "Inotify Event read: iBufIndex=%d. wd=%d mask=0x%X cookie=%u len=%u\n",
+                   static_cast<int>(at), ev.wd, ev.mask, ev.cookie, ev.len);
+        bool taken = false;
+        for (int i = 0; i < kNumFiles && !taken; ++i) {
+            if (storage::inotifywd[i] != ev.wd) continue;
+            if (ev.mask & (IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF)) {
+                flags.deleted[i] = taken = true;
+            } else if (ev.mask & (IN_MODIFY | IN_CREATE)) {
+                flags.modified[i] = taken = true;
+            } else if ((ev.mask & IN_IGNORED) && ev.wd >= 0) {
+                storage::inotifywd[i] = -1;
+                flags.deleted[i] = taken = true;
+            } else if (ev.mask & IN_ATTRIB) {
+                flags.deleted[i] = fileReplaced(i) || flags.deleted[i];
+                taken = true;
+            }
+        }
+        if (!taken) CM_LOG_TAGGED(log::kWarn, "CM_ReadThread, PID=%d. Failed to find a watch descriptor match\n", getpid());
+        at += kEventHeader + ev.len;
+    }
+    if (at < len && len - at < kEventHeader)
+        CM_LOG(log::kWarn, fn, "Partial event struct of %d bytes at end of data from inotify read of %d bytes\n",
+               static_cast<int>(len - at), static_cast<int>(len));
+}
+
+// Waits while another process loads all defaults; removes a lock file that
+// outlives 99 pauses of 100 ms, since its owner has evidently died.
+void waitForDefaultsLock() {
+    constexpr const char* fn = "CM_ReadThread";
+    const char* lockPath = paths::defaultsLockFile();
+    int count = kLockFileChecks;
+    while (access(lockPath, F_OK) == 0 && !lifecycle::killRequested()) {
+        CM_LOG(log::kInfo, fn, "Lock file exists, iLockCount=%d\n", count);
+        if (--count == 0) {
+            CM_LOG(log::kErr, fn, "Timeout waiting for another process to delete lock file '%s' - deleted it\n", lockPath);
+            unlink(lockPath);
+            break;
+        }
+        platform::sleepMs(100);
+    }
+}
+
+void runPass(int fd) {
+    static uint8_t buffer[kEventBufferSize];
+    PassFlags flags{};
+    const ssize_t got = readEvents(fd, buffer);
+    if (got < 0) {
+        if (lifecycle::killRequested()) return;
+        const int e = errno;
+        CM_LOG_TAGGED(log::kErr, "**ERROR: CM_ReadThread, PID=%d. inotify read failed, errno=%d '%s', try again...\n",
+                      getpid(), e, std::strerror(e));
+        platform::sleepSeconds(1);
+    } else if (got > 0) {
+        parseEvents(buffer, static_cast<size_t>(got), flags);
+    }
+    if (lifecycle::killRequested()) return;
+    waitForDefaultsLock();
+    for (int i = 0; i < kNumFiles && !lifecycle::killRequested(); ++i) {
+        if (flags.deleted[i])
+            handleDeletedFile(i);
+        else if (flags.modified[i])
+            handleModifiedFile(i);
+    }
+}
+
+}  // namespace
+
+void* readThread(void*) {
+    CM_LOG_TAGGED(293, "Started pthread PID=%d:%d running ConfigManager CM_ReadThread()\n", getpid(), platform::tid());
+    // The thread keeps its own reference to the inotify instance: shutdown
+    // closes the shared descriptor, and its number may be reused at once.
+    const int fd = fcntl(lifecycle::inotifyfd.load(), F_DUPFD_CLOEXEC, 0);
+    while (fd >= 0 && !lifecycle::killRequested()) runPass(fd);
+    if (fd >= 0) close(fd);
+    lifecycle::s_bKillCM = 0;
+    lifecycle::cleanUp();
+    CM_LOG_TAGGED(5, "CM thread terminated\n");
+    g_threadLive = false;
+    return nullptr;
+}
+
+void waitForStaleWatchThread() {
+    pthread_once(&g_wakeOnce, makeWakePipe);
+    if (g_threadJoinable.exchange(false) && !pthread_equal(g_thread, pthread_self())) {
+        wakeWatchThread();
+        pthread_join(g_thread, nullptr);
+    }
+    drainWakePipe();
+}
+
+int startWatchThread() {
+    pthread_once(&g_wakeOnce, makeWakePipe);
+    g_threadLive = true;
+    const int rc = pthread_create(&g_thread, nullptr, readThread, nullptr);
+    if (rc != 0)
+        g_threadLive = false;
+    else
+        g_threadJoinable = true;
+    return rc;
+}
+
+void wakeWatchThread() {
+    if (g_wakePipe[1] >= 0) {
+        const char b = 1;
+        [[maybe_unused]] ssize_t n = write(g_wakePipe[1], &b, 1);
+    }
+}
+
+bool watchThreadRunning() { return g_threadLive.load(); }
+
+}  // namespace cm::watch

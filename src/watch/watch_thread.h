@@ -1,0 +1,25 @@
+// The watch thread: one per process started with the full start.  It reads
+// inotify events for the ten data files, diffs changed files against the
+// private copies and notifies the changed variables, sets up again files
+// that were deleted, replaced or changed length, and waits while another
+// process loads all defaults.
+#pragma once
+
+namespace cm::watch {
+
+// Waits for the thread of an earlier start to end (it was told to by the
+// stop), so that a restarted library never shares its files with it.
+void waitForStaleWatchThread();
+// Starts the thread on the current inotify descriptor; pthread_create's result.
+int startWatchThread();
+
+// Wakes a thread blocked waiting for events so that it sees the kill flag.
+void wakeWatchThread();
+
+// True from a successful start until the thread has left its loop.
+bool watchThreadRunning();
+
+// The thread body (CM_ReadThread); the argument is ignored.
+void* readThread(void* arg);
+
+}  // namespace cm::watch

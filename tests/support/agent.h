@@ -1,0 +1,53 @@
+// A library user in a forked process, driven by line commands over a pipe.
+//
+// The parent spawns agents before it starts the library itself (a child
+// must not inherit a running library), sends commands and reads replies and
+// callback reports.  Every wait is bounded.
+//
+// Commands (one line each; every command answers "ok <result>"):
+//   init <master>        CM_init(master)
+//   initnr               CM_initNoRegister()
+//   reg <id>             register a callback that reports "cb <id>"
+//   regrange <a> <b>     the same for IDs a..b
+//   put <id> <value>     CM_PutDataItem with a number (host order, by type)
+//   putseq <id> <a> <b>  puts a, a+1, ..., b; answers the number of failed writes
+//   puts <id> <text>     CM_PutDataItem with a text
+//   get <id>             "ok <rc> <number or text>"
+//   exit                 CM_Exit(), then the process ends with status 0
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace cmtest {
+
+class Agent {
+public:
+    Agent();  // forks; the child serves commands until "exit" or EOF
+    ~Agent();
+    Agent(const Agent&) = delete;
+    Agent& operator=(const Agent&) = delete;
+
+    // Sends a command and returns its "ok ..." reply (empty on timeout).
+    std::string call(const std::string& command, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    // IDs reported by callbacks so far, in arrival order.
+    std::vector<int> callbacks();
+    // Waits until at least n callbacks have been reported.
+    bool waitCallbacks(size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    // Ends the child ("exit") and returns its exit status.
+    int finish();
+    pid_t pid() const { return pid_; }
+
+private:
+    bool readLine(std::string& line, std::chrono::milliseconds timeout);
+    void drain(std::chrono::milliseconds timeout);
+    pid_t pid_ = -1;
+    int toChild_ = -1, fromChild_ = -1;
+    std::string pending_;
+    std::vector<int> callbacks_;
+};
+
+}  // namespace cmtest

@@ -1,0 +1,174 @@
+// Change notification across real processes: real inotify, real fcntl locks,
+// real files under a private root.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <set>
+#include <thread>
+
+#include "catalogue/catalogue.h"
+#include "configmanager/cm_vars.h"
+#include "platform/paths.h"
+#include "storage/file_state.h"
+#include "support/agent.h"
+#include "support/test_support.h"
+
+using cmtest::Agent;
+
+namespace {
+
+constexpr int kGeneral = 9;
+
+class MultiProcess : public ::testing::Test {
+protected:
+    void SetUp() override { cmtest::resetLibraryState(); }
+    void TearDown() override { cmtest::resetLibraryState(); }
+    std::string fileOf(int i) const { return cm::paths::dataFile(i); }
+    cmtest::TempRoot root;
+};
+
+// Offset of a variable's record in its file, computed from the catalogue.
+uint32_t recordOffset(int32_t id) {
+    for (const auto& f : cm::catalogue::sConfigItemList) {
+        if (id < f.iFirstVarID || id >= f.iFirstVarID + f.iNumItems) continue;
+        uint32_t off = 4;
+        for (int r = 0; r < id - f.iFirstVarID; ++r) off += f.pItems[r].wDataSize + 4;
+        return off;
+    }
+    return 0;
+}
+
+TEST_F(MultiProcess, WriteReachesEveryProcessOnceAndEqualWritesReachNobody) {
+    Agent master, other;
+    ASSERT_EQ(master.call("init 1"), "ok 0");
+    ASSERT_EQ(other.call("init 0"), "ok 0");
+    for (Agent* a : {&master, &other}) {
+        ASSERT_EQ(a->call("reg " + std::to_string(CMS_CONNECT_TIMEOUT)), "ok 0");
+        ASSERT_EQ(a->call("reg " + std::to_string(CMS_LINK_INACTIVITY)), "ok 0");
+    }
+    // The writer is the non-master; both, the writer included, hear of it.
+    ASSERT_EQ(other.call("put " + std::to_string(CMS_CONNECT_TIMEOUT) + " 33"), "ok 1");
+    ASSERT_TRUE(master.waitCallbacks(1));
+    ASSERT_TRUE(other.waitCallbacks(1));
+
+    // Writing the same value again changes nothing and is heard by nobody;
+    // the later real change proves both watchers got past it.
+    ASSERT_EQ(master.call("put " + std::to_string(CMS_CONNECT_TIMEOUT) + " 33"), "ok 0");
+    ASSERT_EQ(master.call("put " + std::to_string(CMS_LINK_INACTIVITY) + " 44"), "ok 1");
+    ASSERT_TRUE(master.waitCallbacks(2));
+    ASSERT_TRUE(other.waitCallbacks(2));
+    const std::vector<int> expected{CMS_CONNECT_TIMEOUT, CMS_LINK_INACTIVITY};
+    EXPECT_EQ(master.callbacks(), expected);
+    EXPECT_EQ(other.callbacks(), expected);
+    EXPECT_EQ(other.call("get " + std::to_string(CMS_LINK_INACTIVITY)), "ok 0 44");
+    EXPECT_EQ(master.finish(), 0);
+    EXPECT_EQ(other.finish(), 0);
+}
+
+TEST_F(MultiProcess, ChangesSeenInOneDiffAreNotifiedInAscendingOrder) {
+    Agent watcher;
+    ASSERT_EQ(watcher.call("init 1"), "ok 0");
+    ASSERT_EQ(watcher.call("regrange " + std::to_string(CMS_CONNECT_TIMEOUT) + " " +
+                           std::to_string(CMS_REQUEST_ATTEMPTS)),
+              "ok 0");
+    // One write of the whole file changes three records at once, so one
+    // event and one diff carry them all.
+    std::string bytes = cmtest::readFile(fileOf(kGeneral));
+    for (int32_t id : {CMS_REQUEST_ATTEMPTS, CMS_CONNECT_TIMEOUT, CMS_RECEIVE_TIMEOUT}) bytes[recordOffset(id) + 4] = 99;
+    const int fd = open(fileOf(kGeneral).c_str(), O_WRONLY);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(pwrite(fd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    close(fd);
+    ASSERT_TRUE(watcher.waitCallbacks(3));
+    EXPECT_EQ(watcher.callbacks(), (std::vector<int>{CMS_CONNECT_TIMEOUT, CMS_RECEIVE_TIMEOUT, CMS_REQUEST_ATTEMPTS}));
+    EXPECT_EQ(watcher.finish(), 0);
+}
+
+TEST_F(MultiProcess, ConcurrentWritersOfOneFileLoseNothing) {
+    Agent master, a, b;
+    ASSERT_EQ(master.call("init 1"), "ok 0");
+    ASSERT_EQ(a.call("init 0"), "ok 0");
+    ASSERT_EQ(b.call("init 0"), "ok 0");
+    // Both writers hammer neighbouring records of the same file at once.
+    const std::string cmdA = "putseq " + std::to_string(CMS_CONNECT_TIMEOUT) + " 1 200";
+    const std::string cmdB = "putseq " + std::to_string(CMS_LINK_INACTIVITY) + " 1 150";
+    std::string replyA, replyB;
+    std::thread ta([&] { replyA = a.call(cmdA, std::chrono::seconds(60)); });
+    std::thread tb([&] { replyB = b.call(cmdB, std::chrono::seconds(60)); });
+    ta.join();
+    tb.join();
+    EXPECT_EQ(replyA, "ok 0");
+    EXPECT_EQ(replyB, "ok 0");
+    for (Agent* w : {&master, &a, &b}) {
+        EXPECT_EQ(w->call("get " + std::to_string(CMS_CONNECT_TIMEOUT)), "ok 0 200");
+        EXPECT_EQ(w->call("get " + std::to_string(CMS_LINK_INACTIVITY)), "ok 0 150");
+    }
+    const std::string bytes = cmtest::readFile(fileOf(kGeneral));
+    EXPECT_EQ(static_cast<uint8_t>(bytes[recordOffset(CMS_CONNECT_TIMEOUT) + 4]), 200);
+    EXPECT_EQ(static_cast<uint8_t>(bytes[recordOffset(CMS_LINK_INACTIVITY) + 4]), 150);
+    for (Agent* w : {&master, &a, &b}) EXPECT_EQ(w->finish(), 0);
+}
+
+TEST_F(MultiProcess, DeletedFileIsRecreatedByTheMasterAndNotifiedEverywhere) {
+    constexpr int kWd = 6;  // 11 variables, IDs 3104..3114
+    Agent master, other;
+    ASSERT_EQ(master.call("init 1"), "ok 0");
+    ASSERT_EQ(other.call("init 0"), "ok 0");
+    for (Agent* a : {&master, &other}) ASSERT_EQ(a->call("regrange 3104 3114"), "ok 0");
+    // A changed value that the re-creation must put back to its default.
+    ASSERT_EQ(other.call("put " + std::to_string(RED_WD_ENABLE) + " 0"), "ok 1");
+    ASSERT_TRUE(master.waitCallbacks(1));
+    ASSERT_TRUE(other.waitCallbacks(1));
+
+    ASSERT_EQ(unlink(fileOf(kWd).c_str()), 0);
+    for (Agent* a : {&master, &other}) {
+        ASSERT_TRUE(a->waitCallbacks(12)) << "pid " << a->pid();
+        const auto cbs = a->callbacks();
+        std::set<int> ids(cbs.begin() + 1, cbs.end());
+        EXPECT_EQ(ids.size(), 11u);
+        EXPECT_EQ(*ids.begin(), 3104);
+        EXPECT_EQ(*ids.rbegin(), 3114);
+    }
+    EXPECT_EQ(cmtest::readFile(fileOf(kWd)).size(), cm::storage::correctLength(kWd));
+    EXPECT_EQ(other.call("get " + std::to_string(RED_WD_ENABLE)), "ok 0 1");
+    EXPECT_EQ(master.finish(), 0);
+    EXPECT_EQ(other.finish(), 0);
+}
+
+TEST_F(MultiProcess, NonMasterIgnoresWrongLengthUntilTheFileIsRestored) {
+    {
+        Agent creator;  // a master creates the files, then leaves
+        ASSERT_EQ(creator.call("init 1"), "ok 0");
+        EXPECT_EQ(creator.finish(), 0);
+    }
+    Agent other;
+    ASSERT_EQ(other.call("init 0"), "ok 0");
+    ASSERT_EQ(other.call("reg " + std::to_string(UNIT_LOCATION)), "ok 0");
+    ASSERT_EQ(other.call("reg " + std::to_string(CM_TEST123)), "ok 0");
+
+    const std::string good = cmtest::readFile(fileOf(kGeneral));
+    ASSERT_EQ(truncate(fileOf(kGeneral).c_str(), static_cast<off_t>(good.size() - 10)), 0);
+    // A change in another file is a barrier: once it is heard, the shrink
+    // before it has been handled, and it notified nothing.
+    ASSERT_EQ(other.call("put " + std::to_string(CM_TEST123) + " 7"), "ok 1");
+    ASSERT_TRUE(other.waitCallbacks(1));
+    EXPECT_EQ(other.callbacks(), std::vector<int>{CM_TEST123});
+
+    // Restored at its correct length with a new value: reprocessed, and
+    // every variable of the file counts as changed.
+    std::string restored = good;
+    std::memcpy(&restored[recordOffset(UNIT_LOCATION) + 4], "Attic", 6);
+    const int fd = open(fileOf(kGeneral).c_str(), O_WRONLY);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(pwrite(fd, restored.data(), restored.size(), 0), static_cast<ssize_t>(restored.size()));
+    close(fd);
+    ASSERT_TRUE(other.waitCallbacks(2));
+    EXPECT_EQ(other.callbacks().back(), UNIT_LOCATION);
+    EXPECT_EQ(other.call("get " + std::to_string(UNIT_LOCATION)), "ok 0 Attic");
+    EXPECT_EQ(other.finish(), 0);
+}
+
+}  // namespace
