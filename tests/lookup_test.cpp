@@ -4,7 +4,7 @@
 #include <cstring>
 #include <vector>
 
-#include "catalogue/catalogue.h"
+#include "catalogue/lookup.h"
 #include "configmanager/cm_lookup.h"
 #include "configmanager/cm_vars.h"
 #include "lifecycle/state.h"

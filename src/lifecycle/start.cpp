@@ -67,9 +67,9 @@ int init(int iMaster) {
 int fileAccessInit() {
     CM_LOG_TAGGED(kStartInfo, "CM File Access Initialising..., PID=%d:%d. built %s on %s\n", getpid(), platform::tid(),
                   buildTime(), buildDate());
-    for (const auto& file : catalogue::sConfigItemList)
-        CM_LOG_TAGGED(log::kDebug, "File '%s': Number of entries=%d, start offset=%d \n", file.szPath, file.iNumItems,
-                      file.iFirstVarID);
+    for (int i = 0; i < kNumFiles; ++i)
+        CM_LOG_TAGGED(log::kDebug, "File '%s': Number of entries=%d, start offset=%d \n", storage::pathOf(i),
+                      catalogue::sConfigItemList[i].iNumItems, catalogue::sConfigItemList[i].iFirstVarID);
     // A thread of an earlier start must be gone before files are opened again.
     watch::waitForStaleWatchThread();
     s_bKillCM = 0;
@@ -121,6 +121,7 @@ int initNoRegister() {
 int fileAccessInitNoRegister() {
     CM_LOG_TAGGED(kStartInfo, "CM File Access Initialising (No Register)..., PID=%d:%d. built %s on %s\n", getpid(),
                   platform::tid(), buildTime(), buildDate());
+    watch::waitForStaleWatchThread();
     inotifyfd = -1;
     int result = 0;
     for (int i = 0; i < kNumFiles; ++i) {
