@@ -1,0 +1,255 @@
+#include "storage/open_map.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "log/log.h"
+#include "platform/env.h"
+#include "storage/file_state.h"
+
+namespace cm::storage {
+namespace {
+
+constexpr auto kLogModule = log::Module::FileAccess;
+
+// Files are created readable by every process and writable by the owner.
+constexpr mode_t kFileMode = 0644;
+
+// First step of both opens: the correct length is computed once per process
+// and the per-open state is reset.
+void prepareOpen(int i) {
+    if (dwLenCorrectFile[i] == 0) dwLenCorrectFile[i] = correctLength(i);
+    bBadFile[i] = 0;
+    dwLenActualFile[i] = 0;
+}
+
+// open(2), repeated at once while interrupted.  O_CLOEXEC makes the
+// descriptor close-on-exec atomically, so a fork+exec in another thread
+// can never inherit it.
+int openRetrying(const char* path, int flags, mode_t mode = 0) {
+    int fd;
+    do {
+        fd = open(path, flags | O_CLOEXEC, mode);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+// Seconds to wait for a missing file, given the seconds waited so far.
+unsigned nextWait(unsigned waited) { return waited < 5 ? 1 : waited < 10 ? 2 : 10; }
+
+}  // namespace
+
+int openFile(int i) {
+    constexpr const char* fn = "CM_OpenFile";
+    if (!checkIndex(i, fn)) return -1;
+    prepareOpen(i);
+    const char* path = pathOf(i);
+
+    // The master creates the files; until it has, wait without limit,
+    // complaining louder the longer it takes.
+    int fd;
+    unsigned waited = 0;
+    while ((fd = openRetrying(path, O_RDWR)) < 0) {
+        const int err = errno;
+        if (err != ENOENT) {
+            CM_LOG(log::kErr, fn, "PID=%d. CM data file [%d] '%s' cannot be opened for reading, errno=%d '%s'\n",
+                   getpid(), i, path, err, std::strerror(err));
+            return -1;
+        }
+        const unsigned wait = nextWait(waited);
+        if (waited < 5)
+            CM_LOG(log::kInfo, fn, "PID=%d. '%s' does not exist after %u secs - wait %u secs then retry\n", getpid(),
+                   path, waited, wait);
+        else if (waited < 10)
+            CM_LOG(log::kWarn, fn, "PID=%d. '%s' does not exist after %u secs - wait %u secs then retry\n", getpid(),
+                   path, waited, wait);
+        else
+            CM_LOG(log::kErr, fn, "PID=%d. '%s' does not exist after %u secs - wait %u secs then retry\n", getpid(),
+                   path, waited, wait);
+        platform::sleepSeconds(wait);
+        waited += wait;
+    }
+    fdRead[i] = fd;
+    CM_LOG(log::kDebug, fn, "CM data file [%d] '%s' opened\n", i, path);
+
+    // A file the master has created but not yet filled is waited for too.
+    struct stat st{};
+    for (;;) {
+        if (fstat(fd, &st) != 0) {
+            const int err = errno;
+            CM_LOG(log::kErr, fn, "PID=%d. Failed to fstat CM data file [%d] '%s': errno=%d '%s'\n", getpid(), i,
+                   path, err, std::strerror(err));
+            return -1;
+        }
+        if (st.st_size != 0) break;
+        CM_LOG_TAGGED(log::kWarn,
+                      "CM_OpenFile, PID=%d. File '%s' opened but has zero length - wait 1 sec for someone to fill it "
+                      "then retry\n",
+                      getpid(), path);
+        platform::sleepSeconds(1);
+    }
+    CM_LOG_TAGGED(log::kInfo, "CM_OpenFile, CM data file [%d] '%s' opened with length %d bytes\n", i, path,
+                  static_cast<int>(st.st_size));
+    return 0;
+}
+
+int openOrCreateFile(int i) {
+    constexpr const char* fn = "CM_OpenOrCreateFile";
+    if (!checkIndex(i, fn)) return -1;
+    prepareOpen(i);
+    const char* path = pathOf(i);
+
+    int fd = openRetrying(path, O_RDWR);
+    if (fd >= 0) {
+        fdRead[i] = fd;
+        CM_LOG_TAGGED(log::kInfo, "CM_OpenOrCreateFile, CM data file [%d] '%s' opened\n", i, path);
+        return 0;
+    }
+    int err = errno;
+    if (err != ENOENT) {
+        CM_LOG(log::kErr, fn, "PID=%d. CM data file [%d] '%s' cannot be opened for reading, errno=%d '%s'\n",
+               getpid(), i, path, err, std::strerror(err));
+        return -1;
+    }
+    // The volatile file is lost at every restart, so its absence is normal.
+    if (i != 0)
+        CM_LOG_TAGGED(log::kWarn, "CM_OpenOrCreateFile, PID=%d. CM data file '%s' does not exist - attempting to create it\n",
+                      getpid(), path);
+    fd = openRetrying(path, O_RDWR | O_CREAT | O_EXCL, kFileMode);
+    if (fd < 0) {
+        err = errno;
+        CM_LOG(log::kErr, fn, "PID=%d. open failed for CM data file [%d] '%s', errno=%d '%s'\n", getpid(), i, path,
+               err, std::strerror(err));
+        return -1;
+    }
+    // The mode is set explicitly: every process reads the file, whatever
+    // umask the creating process runs with.  Failure leaves the umask's mode.
+    (void)fchmod(fd, kFileMode);
+    fdRead[i] = fd;
+    CM_LOG_TAGGED(log::kInfo, "CM_OpenOrCreateFile, CM data file [%d] '%s' created\n", i, path);
+    return 1;
+}
+
+int mapFile(int i, uint32_t length) {
+    constexpr const char* fn = "CM_MapFile";
+    if (!checkIndex(i, fn)) return -1;
+    if (length == 0) {
+        pMappedFile[i] = nullptr;
+        dwLenMappedFile[i] = 0;
+        return 0;
+    }
+    // Bytes beyond the correct length are never mapped.
+    if (dwLenCorrectFile[i] != 0) length = std::min(length, dwLenCorrectFile[i]);
+    void* p = mmap(nullptr, length, PROT_READ, MAP_PRIVATE, fdRead[i], 0);
+    if (p == MAP_FAILED || p == nullptr) {
+        const int err = errno;
+        pMappedFile[i] = nullptr;
+        dwLenMappedFile[i] = 0;
+        CM_LOG(log::kErr, fn, "PID=%d. Failed to mmap(0,%lu,PROT_READ,MAP_PRIVATE,%d,0) CM file [%d] '%s': errno=%d %s\n",
+               getpid(), static_cast<unsigned long>(length), fdRead[i], i, pathOf(i), err, std::strerror(err));
+        return -1;
+    }
+    pMappedFile[i] = static_cast<const uint8_t*>(p);
+    dwLenMappedFile[i] = length;
+    CM_LOG(log::kInfo, fn, "CM file [%d] '%s' mapped at %p to %p, size %lu\n", i, pathOf(i), p,
+           static_cast<const void*>(pMappedFile[i] + length - 1), static_cast<unsigned long>(length));
+    return 0;
+}
+
+int unmapFile(int i) {
+    constexpr const char* fn = "CM_UnmapFile";
+    if (!checkIndex(i, fn)) return -1;
+    if (fdRead[i] < 0) {
+        CM_LOG(log::kErr, fn, "Invalid File descriptor for file no. %d\n", i);
+        return -1;
+    }
+    const void* p = pMappedFile[i];
+    const uint32_t len = dwLenMappedFile[i];
+    if (p == nullptr && len == 0) return 0;
+    pMappedFile[i] = nullptr;
+    dwLenMappedFile[i] = 0;
+    if (p == nullptr || len == 0) {
+        CM_LOG(log::kErr, fn, "CM data file [%d] '%s' bad variables pMappedFile[]=%p, dwLenMappedFile[]=%lu\n", i,
+               pathOf(i), p, static_cast<unsigned long>(len));
+        return -1;
+    }
+    if (munmap(const_cast<void*>(p), len) != 0) {
+        CM_LOG(log::kErr, fn, "CM data file [%d] '%s' munmap(%p, %lu) failed.\n", i, pathOf(i), p,
+               static_cast<unsigned long>(len));
+        return -1;
+    }
+    return 0;
+}
+
+int remapFile(int i, uint32_t length) {
+    constexpr const char* fn = "CM_RemapFile";
+    if (!checkIndex(i, fn)) return -1;
+    if (fdRead[i] < 0) {
+        CM_LOG(log::kErr, fn, "Invalid File descriptor for file no. %d\n", i);
+        return -1;
+    }
+    length = std::min(length, dwLenCorrectFile[i]);
+    if (length == 0) return unmapFile(i);
+
+    if (pMappedFile[i] != nullptr || dwLenMappedFile[i] != 0) {
+        if (mapped(i)) {
+            // Resized even when the length is unchanged: the kernel may move
+            // the mapping, and the new address is taken either way.
+            void* old = const_cast<uint8_t*>(pMappedFile[i]);
+            void* p = mremap(old, dwLenMappedFile[i], length, MREMAP_MAYMOVE);
+            if (p != MAP_FAILED) {
+                pMappedFile[i] = static_cast<const uint8_t*>(p);
+                dwLenMappedFile[i] = length;
+                CM_LOG(log::kInfo, fn, "CM file [%d] '%s' remapped at %p to %p, size %lu\n", i, pathOf(i), p,
+                       static_cast<const void*>(pMappedFile[i] + length - 1), static_cast<unsigned long>(length));
+                return 0;
+            }
+            const int err = errno;
+            CM_LOG(log::kWarn, fn, "PID=%d. Failed to mremap(%p,%lu,%lu,MREMAP_MAYMOVE) CM file %d '%s' : errno=%d %s\n",
+                   getpid(), old, static_cast<unsigned long>(dwLenMappedFile[i]), static_cast<unsigned long>(length),
+                   i, pathOf(i), err, std::strerror(err));
+        }
+        // Half-set fields are reported and cleared by the unmap.
+        unmapFile(i);
+    }
+    return mapFile(i, length);
+}
+
+int initialisePrevData(int i) {
+    constexpr const char* fn = "CM_InitialisePrevData";
+    if (!checkIndex(i, fn)) return -1;
+    if (!mapped(i)) {
+        CM_LOG(log::kErr, fn, "dwLenMappedFile[%d] or pMappedFile[] is zero, cannot alloc block for data - skipping...\n",
+               i);
+        // Released rather than dropped, so that a failed snapshot does not
+        // leak the previous one.
+        std::free(pPrevData[i]);
+        pPrevData[i] = nullptr;
+        return -1;
+    }
+    const uint32_t len = dwLenMappedFile[i];
+    void* p;
+    if (pPrevData[i] != nullptr) {
+        CM_LOG(log::kDebug, fn, "pPrevData[%d] non-zero so reallocing it...\n", i);
+        p = std::realloc(pPrevData[i], len);
+    } else {
+        CM_LOG(log::kDebug, fn, "pPrevData zero so mallocing it...\n");
+        p = std::malloc(len);
+    }
+    if (p == nullptr) {
+        CM_LOG(log::kErr, fn, "malloc() or realloc() failed for CM file %d\n", i);
+        return -1;
+    }
+    pPrevData[i] = static_cast<uint8_t*>(p);
+    std::memcpy(p, pMappedFile[i], len);
+    return 0;
+}
+
+}  // namespace cm::storage

@@ -1,0 +1,210 @@
+#include "storage/record.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "catalogue/lookup.h"
+#include "log/log.h"
+#include "storage/byte_order.h"
+#include "storage/defaults.h"
+#include "storage/file_state.h"
+#include "storage/lock.h"
+#include "storage/record_io.h"
+#include "values/ipaddr.h"
+
+namespace cm::storage {
+namespace {
+
+constexpr auto kLogModule = log::Module::FileAccess;
+constexpr int kWriteAttempts = 10;
+
+using catalogue::absoluteId;
+
+void logBadRecord(const char* fn, int i, int rel) {
+    CM_LOG_TAGGED(log::kErr, "**ERROR: %s, PID=%d. CM data file [%d] '%s' bad or missing record for CM var ID=%d (rel ID=%d)\n",
+                  fn, getpid(), i, pathOf(i), absoluteId(i, rel), rel);
+}
+
+void logNotMapped(const char* fn, int i) {
+    CM_LOG_TAGGED(log::kErr, "**ERROR: %s, PID=%d. CM data file [%d] dwLenMappedFile[] or pMappedFile[] is zero - skipping...\n",
+                  fn, getpid(), i);
+}
+
+// The by-file operations' common checks; the record offset when they pass.
+bool checkRecord(const char* fn, int i, int rel, uint32_t& offset) {
+    if (!checkIndex(i, fn)) return false;
+    if (fdRead[i] < 0) {
+        CM_LOG(log::kErr, fn, "Invalid File descriptor for CM data file [%d]\n", i);
+        return false;
+    }
+    if (!detail::checkRelative(i, rel, fn)) return false;
+    offset = catalogue::entry(i, rel).recordOffset();
+    if (offset == catalogue::kNoRecord) {
+        logBadRecord(fn, i, rel);
+        return false;
+    }
+    if (!mapped(i)) {
+        logNotMapped(fn, i);
+        return false;
+    }
+    return true;
+}
+
+// Under the record lock the mapping cannot change in this process; a record
+// that no longer lies inside it is treated as missing rather than read past
+// the end of the mapping.
+bool insideMapping(const char* fn, int i, int rel, uint32_t offset, uint32_t size) {
+    if (mapped(i) && offset <= dwLenMappedFile[i] && size <= dwLenMappedFile[i] - offset) return true;
+    logBadRecord(fn, i, rel);
+    return false;
+}
+
+}  // namespace
+
+int readDataItem(int i, int rel, void* destination) {
+    constexpr const char* fn = "CM_ReadDataItem";
+    uint32_t offset;
+    if (!checkRecord(fn, i, rel, offset)) return -1;
+    const auto& e = catalogue::entry(i, rel);
+    const uint32_t size = e.wDataSize + kRecordHeader;
+
+    lockFile(i, offset, size);
+    int result = -1;
+    if (insideMapping(fn, i, rel, offset, size)) {
+        const uint8_t* rec = pMappedFile[i] + offset;
+        const unsigned storedRel = loadBe16(rec);
+        const int storedLen = loadBe16(rec + 2);
+        if (storedRel != static_cast<unsigned>(rel)) {
+            CM_LOG_TAGGED(log::kErr,
+                          "**ERROR: CM_ReadDataItem, PID=%d. CM data file [%d] '%s' record at offset %lu  has wrong "
+                          "relative ID=%u (expected %d) for CM var abs ID=%d\n",
+                          getpid(), i, pathOf(i), static_cast<unsigned long>(offset), storedRel, rel,
+                          absoluteId(i, rel));
+        } else if (storedLen != e.wDataSize) {
+            CM_LOG_TAGGED(log::kErr,
+                          "**ERROR: CM_ReadDataItem, PID=%d. CM data file [%d] '%s' record at offset %lu with relative "
+                          "ID=%d has wrong length=%d (expected %d) for CM var abs ID=%d\n",
+                          getpid(), i, pathOf(i), static_cast<unsigned long>(offset), rel, storedLen, e.wDataSize,
+                          absoluteId(i, rel));
+        } else {
+            result = detail::copyValue(i, rel, destination, rec + kRecordHeader, e.wDataSize);
+        }
+    }
+    unlockFile(i, offset, size);
+    return result;
+}
+
+int detail::writeRecord(int i, int rel, const void* value, bool bLock, bool& written) {
+    constexpr const char* fn = "CM_WriteDataItem";
+    written = false;
+    uint32_t offset;
+    if (!checkRecord(fn, i, rel, offset)) return -1;
+    const auto& e = catalogue::entry(i, rel);
+
+    // Built on the stack: this path allocates nothing.
+    uint8_t rec[kRecordHeader + kMaxRecordData];
+    const uint32_t len = writtenLength(e);
+    if (e.wDataSize > kMaxRecordData)
+        CM_LOG_TAGGED(log::kErr,
+                      "**ERROR: CM_WriteDataItem, PID=%d. CM data file [%d] '%s' CM var abs ID=%d (rel ID=%d) data size "
+                      "of %u exceeds max - truncated\n",
+                      getpid(), i, pathOf(i), absoluteId(i, rel), rel, static_cast<unsigned>(e.wDataSize));
+    storeBe16(rec, static_cast<uint16_t>(rel));
+    storeBe16(rec + 2, static_cast<uint16_t>(len));
+    const uint32_t size = len + kRecordHeader;
+
+    if (bLock) lockFile(i, offset, size);
+    bool failed = false;
+    if (!insideMapping(fn, i, rel, offset, size) ||
+        detail::copyValue(i, rel, rec + kRecordHeader, value, len) != 0) {
+        failed = true;
+    } else if (std::memcmp(rec + kRecordHeader, pMappedFile[i] + offset + kRecordHeader, len) != 0) {
+        // A failed attempt marks the call failed for good, even when a later
+        // attempt gets the record written.
+        const int fd = fdRead[i];
+        errno = 0;
+        for (int attempt = 0; attempt < kWriteAttempts && !written; ++attempt) {
+            if (lseek(fd, offset, SEEK_SET) == static_cast<off_t>(-1)) {
+                failed = true;
+                continue;
+            }
+            errno = 0;
+            if (write(fd, rec, size) == static_cast<ssize_t>(size)) {
+                written = true;
+                CM_LOG_TAGGED(log::kInfo,
+                              "CM_WriteDataItem, PID=%d. CM data file [%d] '%s' - Write record for CM var abs ID=%d "
+                              "(rel ID=%d) at offset %lu\n",
+                              getpid(), i, pathOf(i), absoluteId(i, rel), rel, static_cast<unsigned long>(offset));
+            } else {
+                failed = true;
+            }
+        }
+        if (!written)
+            CM_LOG_TAGGED(log::kErr,
+                          "**ERROR: CM_WriteDataItem, PID=%d. CM data file [%d] '%s' - Failed to write record for CM var "
+                          "abs ID=%d (rel ID=%d) : %m\n",
+                          getpid(), i, pathOf(i), absoluteId(i, rel), rel);
+    }
+    if (bLock) {
+        unlockFile(i, offset, size);
+        if (written) updateCRCWithLock(i);
+    }
+    if (failed) return -1;
+    return written ? 1 : 0;
+}
+
+int writeDataItem(int i, int rel, const void* value, bool bLock) {
+    bool written;
+    return detail::writeRecord(i, rel, value, bLock, written);
+}
+
+int getDataItem(int32_t id, void* destination) {
+    constexpr const char* fn = "CM_GetDataItem";
+    if (id >= catalogue::kNumVarIds) {
+        CM_LOG(log::kErr, fn, "Invalid Var Id of %d\n", id);
+        return -1;
+    }
+    catalogue::Location loc;
+    if (!catalogue::toRelative(id, loc)) return -1;
+    const auto& e = catalogue::entry(loc.iFileIndex, loc.iVarID_Rel);
+    if (e.ucDataType != DT_IPADDR) return readDataItem(loc.iFileIndex, loc.iVarID_Rel, destination);
+
+    // Addresses are handed out as socket addresses, not in their stored form.
+    uint8_t stored[kMaxRecordData];
+    if (e.wDataSize > sizeof stored) return -1;
+    const int rc = readDataItem(loc.iFileIndex, loc.iVarID_Rel, stored);
+    if (rc != 0) return rc;
+    const int conv = values::cmAddrToSockaddr(static_cast<sockaddr*>(destination), stored);
+    if (conv != 0) CM_LOG(4, fn, "Invalid stored IP address in CM var ID=%d\n", id);
+    return conv;
+}
+
+int putDataItem(int32_t id, const void* value) {
+    constexpr const char* fn = "CM_PutDataItem";
+    if (id >= catalogue::kNumVarIds) {
+        CM_LOG(log::kErr, fn, "Invalid Var Id of %d\n", id);
+        return -1;
+    }
+    catalogue::Location loc;
+    if (!catalogue::toRelative(id, loc)) return -1;
+    return writeDataItem(loc.iFileIndex, loc.iVarID_Rel, value, true);
+}
+
+int getDataItemDefaultValue(int32_t id, void* destination) {
+    constexpr const char* fn = "CM_GetDataItemDefaultValue";
+    if (id >= catalogue::kNumVarIds) {
+        CM_LOG(log::kErr, fn, "Invalid Var Id of %d\n", id);
+        return -1;
+    }
+    catalogue::Location loc;
+    if (!catalogue::toRelative(id, loc)) return -1;
+    // The default is filled in whether or not the file is open yet; only the
+    // conversion decides the result.
+    getDefaultData(loc.iFileIndex, loc.iVarID_Rel, destination);
+    return 0;
+}
+
+}  // namespace cm::storage
