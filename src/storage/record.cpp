@@ -62,6 +62,15 @@ bool insideMapping(const char* fn, int i, int rel, uint32_t offset, uint32_t siz
     return false;
 }
 
+// The by-ID operations' checks: an ID of 3290 or more, then the conversion.
+bool locateById(const char* fn, int32_t id, catalogue::Location& loc) {
+    if (id >= catalogue::kNumVarIds) {
+        CM_LOG(log::kErr, fn, "Invalid Var Id of %d\n", id);
+        return false;
+    }
+    return catalogue::toRelative(id, loc);
+}
+
 }  // namespace
 
 int readDataItem(int i, int rel, void* destination) {
@@ -163,12 +172,8 @@ int writeDataItem(int i, int rel, const void* value, bool bLock) {
 
 int getDataItem(int32_t id, void* destination) {
     constexpr const char* fn = "CM_GetDataItem";
-    if (id >= catalogue::kNumVarIds) {
-        CM_LOG(log::kErr, fn, "Invalid Var Id of %d\n", id);
-        return -1;
-    }
     catalogue::Location loc;
-    if (!catalogue::toRelative(id, loc)) return -1;
+    if (!locateById(fn, id, loc)) return -1;
     const auto& e = catalogue::entry(loc.iFileIndex, loc.iVarID_Rel);
     if (e.ucDataType != DT_IPADDR) return readDataItem(loc.iFileIndex, loc.iVarID_Rel, destination);
 
@@ -184,23 +189,15 @@ int getDataItem(int32_t id, void* destination) {
 
 int putDataItem(int32_t id, const void* value) {
     constexpr const char* fn = "CM_PutDataItem";
-    if (id >= catalogue::kNumVarIds) {
-        CM_LOG(log::kErr, fn, "Invalid Var Id of %d\n", id);
-        return -1;
-    }
     catalogue::Location loc;
-    if (!catalogue::toRelative(id, loc)) return -1;
+    if (!locateById(fn, id, loc)) return -1;
     return writeDataItem(loc.iFileIndex, loc.iVarID_Rel, value, true);
 }
 
 int getDataItemDefaultValue(int32_t id, void* destination) {
     constexpr const char* fn = "CM_GetDataItemDefaultValue";
-    if (id >= catalogue::kNumVarIds) {
-        CM_LOG(log::kErr, fn, "Invalid Var Id of %d\n", id);
-        return -1;
-    }
     catalogue::Location loc;
-    if (!catalogue::toRelative(id, loc)) return -1;
+    if (!locateById(fn, id, loc)) return -1;
     // The default is filled in whether or not the file is open yet; only the
     // conversion decides the result.
     getDefaultData(loc.iFileIndex, loc.iVarID_Rel, destination);
