@@ -4,13 +4,14 @@
 #   make test-be          cross-build for s390x (big-endian) into build-be/, run the
 #                         tests under qemu, compare data files with the native build
 #   make install PREFIX=  install library, headers and pkg-config file
+#   make install-check    install into a scratch prefix and build a C program against it
 BUILD ?= build
 BUILD_BE ?= build-be
 PREFIX ?= /usr/local
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all build test test-be build-be be-sysroot compare-be install clean
+.PHONY: all build test test-be build-be be-sysroot compare-be install install-check clean
 
 all: build
 
@@ -31,11 +32,11 @@ BE_SYSROOT := $(BUILD_BE)/sysroot
 be-sysroot:
 	tools/be/fetch-sysroot.sh $(BE_SYSROOT)
 
-$(BUILD_BE)/CMakeCache.txt: | be-sysroot
+# Configured on every run (cheap), so that an interrupted or failed first
+# configure never leaves a half-made build tree behind.
+build-be: be-sysroot
 	cmake -S . -B $(BUILD_BE) -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/toolchain-s390x.cmake \
 	  -DCM_BE_SYSROOT=$(abspath $(BE_SYSROOT)) $(CMAKE_FLAGS)
-
-build-be: be-sysroot $(BUILD_BE)/CMakeCache.txt
 	cmake --build $(BUILD_BE) -j $(JOBS)
 
 # Then the sample writer of both builds must produce identical data files.
@@ -51,6 +52,19 @@ install: $(BUILD)/CMakeCache.txt
 	cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX)
 	cmake --build $(BUILD) -j $(JOBS)
 	cmake --install $(BUILD)
+
+# Installs into a scratch prefix and builds a plain C program against the
+# installed headers and library through pkg-config, then runs it.
+INSTALL_CHECK_DIR ?= $(BUILD)/install-check
+install-check: build
+	rm -rf $(INSTALL_CHECK_DIR)
+	cmake --install $(BUILD) --prefix $(abspath $(INSTALL_CHECK_DIR))/prefix
+	PKG_CONFIG_PATH=$$(dirname $$(find $(abspath $(INSTALL_CHECK_DIR))/prefix -name configmanager.pc)) && \
+	  export PKG_CONFIG_PATH && \
+	  cc -std=c99 -Wall -Werror tests/c_api_check.c -o $(INSTALL_CHECK_DIR)/c_api_check \
+	    $$(pkg-config --cflags --libs configmanager) \
+	    -Wl,-rpath,$$(pkg-config --variable=libdir configmanager)
+	$(INSTALL_CHECK_DIR)/c_api_check
 
 clean:
 	rm -rf $(BUILD) $(BUILD_BE)

@@ -112,7 +112,10 @@ void* readThread(void*) {
     CM_LOG_TAGGED(293, "Started pthread PID=%d:%d running ConfigManager CM_ReadThread()\n", getpid(), platform::tid());
     // The thread keeps its own reference to the inotify instance: shutdown
     // closes the shared descriptor, and its number may be reused at once.
-    const int fd = fcntl(lifecycle::inotifyfd.load(), F_DUPFD_CLOEXEC, 0);
+    // dup() rather than F_DUPFD_CLOEXEC: user-mode emulators of other byte
+    // orders convert inotify events only on descriptors copied this way.
+    const int fd = dup(lifecycle::inotifyfd.load());
+    if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);
     while (fd >= 0 && !lifecycle::killRequested()) runPass(fd);
     if (fd >= 0) close(fd);
     lifecycle::s_bKillCM = 0;

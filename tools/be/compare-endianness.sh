@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# Shows that the data files are independent of the host's byte order: runs
+# the sample writer of the native (little-endian) build and of the s390x
+# (big-endian) build under qemu, each into a fresh root, and compares their
+# output and every data file byte for byte.
+#
+#   tools/be/compare-endianness.sh NATIVE_BUILD_DIR BE_BUILD_DIR
+#
+# Both build directories must hold tests/cm_write_sample; the s390x
+# libraries are taken from BE_BUILD_DIR/sysroot (tools/be/fetch-sysroot.sh).
+set -euo pipefail
+
+if [[ $# -ne 2 ]]; then
+    echo "usage: $0 NATIVE_BUILD_DIR BE_BUILD_DIR" >&2
+    exit 2
+fi
+NATIVE_BIN=$1/tests/cm_write_sample
+BE_BIN=$2/tests/cm_write_sample
+BE_LIBDIR=$(cd "$2" && pwd)/sysroot/usr/lib/s390x-linux-gnu
+for f in "$NATIVE_BIN" "$BE_BIN"; do
+    [[ -x $f ]] || { echo "compare-endianness: $f not built" >&2; exit 2; }
+done
+
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/cm-endian.XXXXXX")
+trap 'rm -rf "$WORK"' EXIT
+mkdir "$WORK/le" "$WORK/be"
+
+"$NATIVE_BIN" "$WORK/le" >"$WORK/le.out"
+qemu-s390x -L /usr/s390x-linux-gnu -E LD_LIBRARY_PATH="$BE_LIBDIR" \
+    "$BE_BIN" "$WORK/be" >"$WORK/be.out"
+
+status=0
+if ! cmp -s "$WORK/le.out" "$WORK/be.out"; then
+    echo "compare-endianness: the two runs reported differently:" >&2
+    diff "$WORK/le.out" "$WORK/be.out" >&2 || true
+    status=1
+fi
+
+mapfile -t files < <(sed -n 's/^file //p' "$WORK/le.out")
+if [[ ${#files[@]} -eq 0 ]]; then
+    echo "compare-endianness: the sample writer listed no data files" >&2
+    exit 1
+fi
+for f in "${files[@]}"; do
+    le=$WORK/le$f be=$WORK/be$f
+    if [[ ! -s $le || ! -s $be ]]; then
+        echo "compare-endianness: $f missing or empty" >&2
+        status=1
+    elif ! cmp "$le" "$be"; then
+        status=1
+    fi
+done
+
+# Nothing else may differ either (lock and marker files, caches).
+if ! diff -rq "$WORK/le" "$WORK/be" >&2; then
+    status=1
+fi
+
+if [[ $status -eq 0 ]]; then
+    echo "compare-endianness: ${#files[@]} data files identical ($(head -n1 "$WORK/le.out"))"
+fi
+exit $status
