@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <tuple>
 
 #include "configmanager/applog.h"
 #include "log/log.h"
@@ -21,27 +22,16 @@ protected:
     cmtest::FastEnv env;
 };
 
-struct Case {
-    uint8_t mode;
-    uint32_t filter;
-    uint32_t level;
-    int allowed;
-};
-
 TEST_F(LogGate, DecisionTable) {
+    struct Case { uint8_t mode; uint32_t filter, level; int allowed; };
     const Case cases[] = {
-        // Initial settings: notice and more severe pass.
+        // Initial settings (mode 1, filter 5): notice and more severe pass.
         {1, 5, 259, 1}, {1, 5, 260, 1}, {1, 5, 261, 1}, {1, 5, 262, 0}, {1, 5, 263, 0},
-        // Category filter 0x100: selected category passes at any allowed severity...
-        {1, 0x107, 263, 1}, {1, 0x107, 0x100026, 0}, {1, 0x107, 0x100023, 1},
-        // ...unselected categories pass only when warning or worse.
-        {1, 0x107, 0x100024, 1}, {1, 0x107, 0x100025, 0},
-        // Bit 0x10 lets uncategorised messages through a category filter.
-        {1, 0x17, 6, 1}, {1, 0x17, 0x106, 0}, {1, 0x107, 6, 0},
-        // Mode bits off: nothing passes, throttle bit or not.
-        {0, 7, 0, 0}, {0x80, 7, 259, 0}, {0x81, 7, 263, 1},
-        // Severity above the filter never passes, whatever the category.
-        {1, 0x103, 0x104, 0},
+        // A selected category passes at any allowed severity, others only when warning or worse.
+        {1, 0x107, 263, 1}, {1, 0x107, 0x100023, 1}, {1, 0x107, 0x100024, 1}, {1, 0x107, 0x100025, 0},
+        {1, 0x107, 0x100026, 0}, {1, 0x103, 0x104, 0},  // severity above the filter never passes
+        {1, 0x17, 6, 1}, {1, 0x17, 0x106, 0}, {1, 0x107, 6, 0},  // bit 0x10 admits uncategorised
+        {0, 7, 0, 0}, {0x80, 7, 259, 0}, {0x81, 7, 263, 1},       // mode bits off: nothing passes
     };
     for (const Case& c : cases) {
         cm::log::oLogMode = c.mode;
@@ -51,55 +41,49 @@ TEST_F(LogGate, DecisionTable) {
     }
 }
 
-TEST_F(LogGate, PrefixedMessagesOnBothChannels) {
+// Prefixed messages name the function (and, in the system log, the module);
+// tagged ones are written as given.  %m is honoured in both.
+TEST_F(LogGate, MessageShapesOnBothChannels) {
     Applog_default(7);
-    g_iConsoleLog = 1;
-    CM_LOG(259, "CM_LockFile", "bad %d\n", 1);
-    CM_LOG(262, "CM_LockFile", "info %d\n", 2);
-    CM_LOG(263, "CM_LockFile", "debug %d\n", 3);
-    g_iConsoleLog = 2;  // anything but 1 is the system log
-    CM_LOG(259, "CM_LockFile", "bad %d\n", 1);
-    CM_LOG(262, "CM_LockFile", "info %d\n", 2);
-    CM_LOG(263, "CM_LockFile", "debug %d\n", 3);
+    for (int console : {1, 2}) {  // exactly 1 is the console, anything else the system log
+        g_iConsoleLog = console;
+        errno = EACCES;
+        CM_LOG(259, "CM_LockFile", "bad %d: %m\n", 1);
+        CM_LOG(262, "CM_LockFile", "info %d\n", 2);
+        CM_LOG(263, "CM_LockFile", "debug %d\n", 3);
+        errno = ENOENT;
+        CM_LOG_TAGGED(259, "**ERROR: CM_WriteDataItem, PID=%d. failed: %m\n", 42);
+    }
+    const std::string tagged = "**ERROR: CM_WriteDataItem, PID=42. failed: No such file or directory\n";
+    const std::tuple<Channel, int, std::string> want[] = {
+        {Channel::Console, 3, "**ERROR:CM_LockFile:  bad 1: Permission denied\n"},
+        {Channel::Console, 6, "CM_LockFile:  info 2\n"},
+        {Channel::Console, 7, "CM_LockFile:  debug 3\n"},
+        {Channel::Console, 3, tagged},
+        {Channel::Syslog, 3, "**ERROR:CM_LockFile:../src/CM_FileAccess.c:  bad 1: Permission denied\n"},
+        {Channel::Syslog, 6, "CM_LockFile:../src/CM_FileAccess.c:  info 2\n"},
+        {Channel::Syslog, 7, "..... CM_LockFile:../src/CM_FileAccess.c:  debug 3\n"},
+        {Channel::Syslog, 3, tagged},
+    };
     const auto lines = sink.lines();
-    ASSERT_EQ(lines.size(), 6u);
-    EXPECT_EQ(lines[0].text, "**ERROR:CM_LockFile:  bad 1\n");
-    EXPECT_EQ(lines[1].text, "CM_LockFile:  info 2\n");
-    EXPECT_EQ(lines[2].text, "CM_LockFile:  debug 3\n");
-    EXPECT_EQ(lines[3].text, "**ERROR:CM_LockFile:../src/CM_FileAccess.c:  bad 1\n");
-    EXPECT_EQ(lines[4].text, "CM_LockFile:../src/CM_FileAccess.c:  info 2\n");
-    EXPECT_EQ(lines[5].text, "..... CM_LockFile:../src/CM_FileAccess.c:  debug 3\n");
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(lines[i].channel, Channel::Console);
-    for (int i = 3; i < 6; ++i) EXPECT_EQ(lines[i].channel, Channel::Syslog);
-    EXPECT_EQ(lines[3].priority, 3);
-    EXPECT_EQ(lines[5].priority, 7);
-}
-
-TEST_F(LogGate, TaggedMessagesAndErrnoText) {
-    g_iConsoleLog = 0;
-    errno = ENOENT;
-    CM_LOG_TAGGED(259, "**ERROR: CM_WriteDataItem, PID=%d. failed: %m\n", 42);
-    errno = EACCES;
-    CM_LOG(259, "CM_LockFile", "error=%m\n");
-    const auto lines = sink.lines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0].text, "**ERROR: CM_WriteDataItem, PID=42. failed: No such file or directory\n");
-    EXPECT_EQ(lines[1].text, "**ERROR:CM_LockFile:../src/CM_FileAccess.c:  error=Permission denied\n");
+    ASSERT_EQ(lines.size(), 8u);
+    for (size_t i = 0; i < lines.size(); ++i)
+        EXPECT_EQ(std::tie(lines[i].channel, lines[i].priority, lines[i].text), want[i]) << "line " << i;
 }
 
 TEST_F(LogGate, RefusedMessagesAreNeverFormattedAndThrottleFollowsWrites) {
-    // A refused message must not evaluate its format: %s of a null would crash.
-    CM_LOG(263, "f", "%s\n", static_cast<const char*>(nullptr));
+    // A refused message never reaches the sink, nor are its arguments evaluated.
+    int evaluated = 0;
+    CM_LOG(263, "f", "%d\n", ++evaluated);
+    EXPECT_EQ(evaluated, 0);
     EXPECT_TRUE(sink.lines().empty());
 
     cm::log::oLogMode = 0x81;
     CM_LOG(259, "f", "one\n");
     CM_LOG(263, "f", "refused\n");
     ApplogSleep();
-    const auto sleeps = env.sleeps();
-    ASSERT_EQ(sleeps.size(), 2u);  // one after the written message, one explicit
-    EXPECT_EQ(sleeps[0], std::chrono::milliseconds(100));
-
+    EXPECT_EQ(env.sleeps(), (std::vector<std::chrono::nanoseconds>(2, std::chrono::milliseconds(100))))
+        << "one pause after the written message, one explicit";
     cm::log::oLogMode = 0x80;  // throttled but off: nothing written, no pause
     CM_LOG(259, "f", "off\n");
     EXPECT_EQ(env.sleeps().size(), 2u);

@@ -12,7 +12,7 @@ int exit();
 int exitDelayed();
 void setAsMaster();
 
-// "%d.%03d.%d.%d" parts and the build's date and time.
+// The build's date and time, as the compiler writes them ("Apr 29 2025", "08:58:20").
 const char* buildDate();
 const char* buildTime();
 

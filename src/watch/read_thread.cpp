@@ -31,7 +31,6 @@ using storage::kNumFiles;
 int g_wakePipe[2] = {-1, -1};
 pthread_once_t g_wakeOnce = PTHREAD_ONCE_INIT;
 pthread_t g_thread;
-std::atomic<bool> g_threadLive{false};
 std::atomic<bool> g_threadJoinable{false};
 
 void makeWakePipe() {
@@ -121,7 +120,6 @@ void* readThread(void*) {
     lifecycle::s_bKillCM = 0;
     lifecycle::cleanUp();
     CM_LOG_TAGGED(5, "CM thread terminated\n");
-    g_threadLive = false;
     return nullptr;
 }
 
@@ -136,12 +134,8 @@ void waitForStaleWatchThread() {
 
 int startWatchThread() {
     pthread_once(&g_wakeOnce, makeWakePipe);
-    g_threadLive = true;
     const int rc = pthread_create(&g_thread, nullptr, readThread, nullptr);
-    if (rc != 0)
-        g_threadLive = false;
-    else
-        g_threadJoinable = true;
+    if (rc == 0) g_threadJoinable = true;
     return rc;
 }
 
@@ -151,7 +145,5 @@ void wakeWatchThread() {
         [[maybe_unused]] ssize_t n = write(g_wakePipe[1], &b, 1);
     }
 }
-
-bool watchThreadRunning() { return g_threadLive.load(); }
 
 }  // namespace cm::watch

@@ -16,9 +16,6 @@ int startWatchThread();
 // Wakes a thread blocked waiting for events so that it sees the kill flag.
 void wakeWatchThread();
 
-// True from a successful start until the thread has left its loop.
-bool watchThreadRunning();
-
 // The thread body (CM_ReadThread); the argument is ignored.
 void* readThread(void* arg);
 

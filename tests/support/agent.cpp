@@ -9,7 +9,6 @@
 #include <cstring>
 #include <sstream>
 
-#include "catalogue/catalogue.h"
 #include "catalogue/lookup.h"
 #include "configmanager/cm_lifecycle.h"
 #include "configmanager/cm_notify.h"
@@ -21,7 +20,7 @@ namespace {
 int g_report = -1;
 
 void reply(const std::string& s) {
-    std::string line = s + "\n";
+    const std::string line = s + "\n";
     [[maybe_unused]] ssize_t n = write(g_report, line.data(), line.size());
 }
 
@@ -30,32 +29,64 @@ int reportCallback(int32_t id) {
     return 0;
 }
 
-std::string get(int id) {
-    cm::catalogue::Location loc;
-    if (!cm::catalogue::locate(id, loc)) return "ok -1";
-    const auto& e = cm::catalogue::entry(loc.iFileIndex, loc.iVarID_Rel);
-    unsigned char buf[300] = {};
-    const int rc = cm::storage::getDataItem(id, buf);
-    std::string value;
-    switch (e.ucDataType) {
-        case DT_OCTET: value = std::to_string(buf[0]); break;
-        case DT_WORD: { uint16_t v; std::memcpy(&v, buf, 2); value = std::to_string(v); break; }
-        case DT_DWORD: { uint32_t v; std::memcpy(&v, buf, 4); value = std::to_string(v); break; }
-        default: value = reinterpret_cast<char*>(buf); break;
-    }
-    return "ok " + std::to_string(rc) + " " + value;
+uint8_t typeOf(int id) {
+    cm::catalogue::Location loc{};
+    return cm::catalogue::locate(id, loc) ? cm::catalogue::entry(loc.iFileIndex, loc.iVarID_Rel).ucDataType : 0xFF;
 }
 
+// Numbers travel in host order in a buffer of the variable's width.
 int put(int id, unsigned long v) {
-    cm::catalogue::Location loc;
-    if (!cm::catalogue::locate(id, loc)) return -1;
-    unsigned char buf[8] = {};
-    switch (cm::catalogue::entry(loc.iFileIndex, loc.iVarID_Rel).ucDataType) {
-        case DT_OCTET: buf[0] = static_cast<unsigned char>(v); break;
-        case DT_WORD: { uint16_t w = static_cast<uint16_t>(v); std::memcpy(buf, &w, 2); break; }
-        default: { uint32_t d = static_cast<uint32_t>(v); std::memcpy(buf, &d, 4); break; }
+    union { uint8_t u8; uint16_t u16; uint32_t u32; } buf{};
+    switch (typeOf(id)) {
+        case DT_OCTET: buf.u8 = static_cast<uint8_t>(v); break;
+        case DT_WORD: buf.u16 = static_cast<uint16_t>(v); break;
+        default: buf.u32 = static_cast<uint32_t>(v); break;
     }
-    return cm::storage::putDataItem(id, buf);
+    return cm::storage::putDataItem(id, &buf);
+}
+
+std::string get(int id) {
+    union { uint8_t u8; uint16_t u16; uint32_t u32; char text[300]; } buf{};
+    const int rc = cm::storage::getDataItem(id, &buf);
+    const uint8_t t = typeOf(id);
+    const std::string value = t == DT_OCTET ? std::to_string(buf.u8)
+                              : t == DT_WORD ? std::to_string(buf.u16)
+                              : t == DT_DWORD ? std::to_string(buf.u32)
+                                              : std::string(buf.text);
+    return std::to_string(rc) + " " + value;
+}
+
+std::string run(std::istringstream& cmd, const std::string& verb) {
+    long a = 0, b = 0;
+    cmd >> a;
+    if (verb == "init") return std::to_string(CM_init(static_cast<int>(a)));
+    if (verb == "reg") return std::to_string(CM_Register_Interest(static_cast<int32_t>(a), reportCallback));
+    if (verb == "regrange") {
+        cmd >> b;
+        int rc = 0;
+        for (long id = a; id <= b; ++id) rc |= CM_Register_Interest(static_cast<int32_t>(id), reportCallback);
+        return std::to_string(rc);
+    }
+    if (verb == "put") {
+        cmd >> b;
+        return std::to_string(put(static_cast<int>(a), static_cast<unsigned long>(b)));
+    }
+    if (verb == "putseq") {
+        long to = 0;
+        cmd >> b >> to;
+        int bad = 0;
+        for (long v = b; v <= to; ++v) bad += put(static_cast<int>(a), static_cast<unsigned long>(v)) != 1;
+        return std::to_string(bad);
+    }
+    if (verb == "puts") {
+        std::string text;
+        cmd >> text;
+        char buf[300] = {};
+        std::strncpy(buf, text.c_str(), sizeof buf - 1);
+        return std::to_string(cm::storage::putDataItem(static_cast<int32_t>(a), buf));
+    }
+    if (verb == "get") return get(static_cast<int>(a));
+    return "unknown";
 }
 
 [[noreturn]] void serve(int in) {
@@ -66,46 +97,11 @@ int put(int id, unsigned long v) {
         std::istringstream cmd(line);
         std::string verb;
         cmd >> verb;
-        long a = 0;
-        if (verb == "init") {
-            cmd >> a;
-            reply("ok " + std::to_string(CM_init(static_cast<int>(a))));
-        } else if (verb == "initnr") {
-            reply("ok " + std::to_string(CM_initNoRegister()));
-        } else if (verb == "reg") {
-            cmd >> a;
-            reply("ok " + std::to_string(CM_Register_Interest(static_cast<int32_t>(a), reportCallback)));
-        } else if (verb == "put") {
-            unsigned long v = 0;
-            cmd >> a >> v;
-            reply("ok " + std::to_string(put(static_cast<int>(a), v)));
-        } else if (verb == "regrange") {
-            long b = 0;
-            cmd >> a >> b;
-            int rc = 0;
-            for (long id = a; id <= b; ++id) rc |= CM_Register_Interest(static_cast<int32_t>(id), reportCallback);
-            reply("ok " + std::to_string(rc));
-        } else if (verb == "putseq") {
-            unsigned long from = 0, to = 0;
-            cmd >> a >> from >> to;
-            int bad = 0;
-            for (unsigned long v = from; v <= to; ++v) bad += put(static_cast<int>(a), v) != 1;
-            reply("ok " + std::to_string(bad));
-        } else if (verb == "puts") {
-            std::string text;
-            cmd >> a >> text;
-            char buf[300] = {};
-            std::strncpy(buf, text.c_str(), sizeof buf - 1);
-            reply("ok " + std::to_string(cm::storage::putDataItem(static_cast<int32_t>(a), buf)));
-        } else if (verb == "get") {
-            cmd >> a;
-            reply(get(static_cast<int>(a)));
-        } else if (verb == "exit") {
+        if (verb == "exit") {
             reply("ok " + std::to_string(CM_Exit()));
-            _exit(0);
-        } else {
-            reply("ok unknown");
+            break;
         }
+        reply("ok " + run(cmd, verb));
     }
     _exit(0);
 }
@@ -131,17 +127,14 @@ Agent::Agent() {
 
 Agent::~Agent() {
     if (pid_ > 0) {
-        close(toChild_);
-        int status;
-        for (int i = 0; i < 2000 && waitpid(pid_, &status, WNOHANG) == 0; ++i) usleep(1000);
-        if (waitpid(pid_, &status, WNOHANG) == 0) {
-            ::kill(pid_, SIGKILL);
-            waitpid(pid_, &status, 0);
-        }
+        ::kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
     }
-    if (fromChild_ >= 0) close(fromChild_);
+    if (toChild_ >= 0) close(toChild_);
+    close(fromChild_);
 }
 
+// Reads one line; a callback report is also recorded.  False on timeout.
 bool Agent::readLine(std::string& line, std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
@@ -149,12 +142,12 @@ bool Agent::readLine(std::string& line, std::chrono::milliseconds timeout) {
         if (nl != std::string::npos) {
             line = pending_.substr(0, nl);
             pending_.erase(0, nl + 1);
+            if (line.rfind("cb ", 0) == 0) callbacks_.push_back(std::atoi(line.c_str() + 3));
             return true;
         }
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) return false;
         pollfd p{fromChild_, POLLIN, 0};
-        if (poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
+        if (left.count() < 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
         char buf[4096];
         const ssize_t n = read(fromChild_, buf, sizeof buf);
         if (n <= 0) return false;
@@ -164,45 +157,33 @@ bool Agent::readLine(std::string& line, std::chrono::milliseconds timeout) {
 
 std::string Agent::call(const std::string& command, std::chrono::milliseconds timeout) {
     const std::string line = command + "\n";
+    std::string got;
     if (write(toChild_, line.data(), line.size()) != static_cast<ssize_t>(line.size())) return "";
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    std::string got;
-    while (readLine(got, std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()))) {
-        if (got.rfind("cb ", 0) == 0)
-            callbacks_.push_back(std::atoi(got.c_str() + 3));
-        else
-            return got;
-    }
+    while (readLine(got, std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())))
+        if (got.rfind("cb ", 0) != 0) return got;
     return "";
 }
 
-void Agent::drain(std::chrono::milliseconds timeout) {
-    std::string got;
-    while (readLine(got, timeout))
-        if (got.rfind("cb ", 0) == 0) callbacks_.push_back(std::atoi(got.c_str() + 3));
-}
-
 std::vector<int> Agent::callbacks() {
-    drain(std::chrono::milliseconds(0));
+    std::string ignored;
+    while (readLine(ignored, std::chrono::milliseconds(0))) {
+    }
     return callbacks_;
 }
 
 bool Agent::waitCallbacks(size_t n, std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    std::string got;
-    while (callbacks_.size() < n) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0 || !readLine(got, left)) return false;
-        if (got.rfind("cb ", 0) == 0) callbacks_.push_back(std::atoi(got.c_str() + 3));
-    }
+    std::string ignored;
+    while (callbacks_.size() < n)
+        if (!readLine(ignored, std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())))
+            return false;
     return true;
 }
 
 int Agent::finish() {
     call("exit");
     int status = 0;
-    close(toChild_);
-    toChild_ = -1;
     waitpid(pid_, &status, 0);
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;

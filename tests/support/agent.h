@@ -6,7 +6,6 @@
 //
 // Commands (one line each; every command answers "ok <result>"):
 //   init <master>        CM_init(master)
-//   initnr               CM_initNoRegister()
 //   reg <id>             register a callback that reports "cb <id>"
 //   regrange <a> <b>     the same for IDs a..b
 //   put <id> <value>     CM_PutDataItem with a number (host order, by type)
@@ -43,7 +42,6 @@ public:
 
 private:
     bool readLine(std::string& line, std::chrono::milliseconds timeout);
-    void drain(std::chrono::milliseconds timeout);
     pid_t pid_ = -1;
     int toChild_ = -1, fromChild_ = -1;
     std::string pending_;

@@ -54,8 +54,6 @@ std::vector<CaptureSink::Line> CaptureSink::lines() const {
     return lines_;
 }
 
-bool CaptureSink::contains(const std::string& fragment) const { return count(fragment) > 0; }
-
 int CaptureSink::count(const std::string& fragment) const {
     std::lock_guard<std::mutex> g(mu_);
     int n = 0;
@@ -67,13 +65,6 @@ int CaptureSink::count(const std::string& fragment) const {
 void CaptureSink::clear() {
     std::lock_guard<std::mutex> g(mu_);
     lines_.clear();
-}
-
-std::string CaptureSink::dump() const {
-    std::lock_guard<std::mutex> g(mu_);
-    std::string out;
-    for (const auto& l : lines_) out += l.text;
-    return out;
 }
 
 FastEnv::FastEnv() { cm::platform::setEnv(this); }

@@ -39,10 +39,9 @@ public:
     ~CaptureSink() override;
     void write(cm::log::Channel ch, int priority, const char* fmt, va_list ap) override;
     std::vector<Line> lines() const;
-    bool contains(const std::string& fragment) const;
+    bool contains(const std::string& fragment) const { return count(fragment) > 0; }
     int count(const std::string& fragment) const;
     void clear();
-    std::string dump() const;
 
 private:
     mutable std::mutex mu_;
