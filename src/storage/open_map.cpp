@@ -64,15 +64,9 @@ int openFile(int i) {
             return -1;
         }
         const unsigned wait = nextWait(waited);
-        if (waited < 5)
-            CM_LOG(log::kInfo, fn, "PID=%d. '%s' does not exist after %u secs - wait %u secs then retry\n", getpid(),
-                   path, waited, wait);
-        else if (waited < 10)
-            CM_LOG(log::kWarn, fn, "PID=%d. '%s' does not exist after %u secs - wait %u secs then retry\n", getpid(),
-                   path, waited, wait);
-        else
-            CM_LOG(log::kErr, fn, "PID=%d. '%s' does not exist after %u secs - wait %u secs then retry\n", getpid(),
-                   path, waited, wait);
+        const uint32_t level = waited < 5 ? log::kInfo : waited < 10 ? log::kWarn : log::kErr;
+        CM_LOG(level, fn, "PID=%d. '%s' does not exist after %u secs - wait %u secs then retry\n", getpid(), path,
+               waited, wait);
         platform::sleepSeconds(wait);
         waited += wait;
     }
