@@ -18,13 +18,21 @@ public:
     }
 };
 
-DefaultSink g_default;
-std::atomic<Sink*> g_sink{&g_default};
+// Never destroyed: a watch thread may still log while the process exits.
+DefaultSink& defaultSink() {
+    static DefaultSink* s = new DefaultSink;
+    return *s;
+}
+
+std::atomic<Sink*> g_sink{nullptr};
 
 }  // namespace
 
-Sink& sink() { return *g_sink.load(std::memory_order_acquire); }
+Sink& sink() {
+    Sink* s = g_sink.load(std::memory_order_acquire);
+    return s ? *s : defaultSink();
+}
 
-void setSink(Sink* s) { g_sink.store(s ? s : &g_default, std::memory_order_release); }
+void setSink(Sink* s) { g_sink.store(s, std::memory_order_release); }
 
 }  // namespace cm::log

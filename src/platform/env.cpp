@@ -23,14 +23,22 @@ public:
     long random() override { return ::random(); }
 };
 
-PosixEnv g_posixEnv;
-std::atomic<Env*> g_env{&g_posixEnv};
+// Never destroyed: a watch thread may still sleep while the process exits.
+PosixEnv& posixEnv() {
+    static PosixEnv* e = new PosixEnv;
+    return *e;
+}
+
+std::atomic<Env*> g_env{nullptr};
 
 }  // namespace
 
-Env& env() { return *g_env.load(std::memory_order_acquire); }
+Env& env() {
+    Env* e = g_env.load(std::memory_order_acquire);
+    return e ? *e : posixEnv();
+}
 
-void setEnv(Env* e) { g_env.store(e ? e : &g_posixEnv, std::memory_order_release); }
+void setEnv(Env* e) { g_env.store(e, std::memory_order_release); }
 
 int tid() { return static_cast<int>(::syscall(SYS_gettid)); }
 
