@@ -1,7 +1,6 @@
 #include "support/test_support.h"
 
 #include <stdarg.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -13,6 +12,7 @@
 
 #include "catalogue/catalogue.h"
 #include "configmanager/applog.h"
+#include "lifecycle/shutdown.h"
 #include "lifecycle/state.h"
 #include "log/log.h"
 #include "platform/paths.h"
@@ -86,29 +86,22 @@ std::vector<std::chrono::nanoseconds> FastEnv::sleeps() const {
 
 void resetLibraryState() {
     using namespace cm;
+    log::oLogMode = 1;
+    log::dwLogFilter = 5;
+    g_iConsoleLog = 0;
+    lifecycle::cleanUp();  // descriptors, mappings, the inotify descriptor
     for (int i = 0; i < storage::kNumFiles; ++i) {
-        if (storage::pMappedFile[i]) munmap(const_cast<uint8_t*>(storage::pMappedFile[i]), storage::dwLenMappedFile[i]);
-        if (storage::fdRead[i] >= 0) close(storage::fdRead[i]);
         std::free(storage::pPrevData[i]);
-        storage::fdRead[i] = -1;
-        storage::pMappedFile[i] = nullptr;
-        storage::dwLenMappedFile[i] = 0;
-        storage::dwLenActualFile[i] = 0;
-        storage::dwLenCorrectFile[i] = 0;
         storage::pPrevData[i] = nullptr;
+        storage::dwLenActualFile[i] = storage::dwLenCorrectFile[i] = 0;
         storage::bBadFile[i] = 0;
         storage::inotifywd[i] = -1;
         const auto& file = catalogue::sConfigItemList[i];
         for (int r = 0; r < file.iNumItems; ++r) file.pItems[r].setRecordOffset(catalogue::kNoRecord);
     }
-    const int ifd = lifecycle::inotifyfd.exchange(-1);
-    if (ifd >= 0) close(ifd);
     lifecycle::ucCMInitialised = 0;
     lifecycle::bCMmaster = 0;
     lifecycle::s_bKillCM = 0;
-    log::oLogMode = 1;
-    log::dwLogFilter = 5;
-    g_iConsoleLog = 0;
 }
 
 bool waitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeout) {
