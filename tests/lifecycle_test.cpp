@@ -24,6 +24,13 @@ namespace {
 std::atomic<int> g_versionCalls{0};
 std::atomic<int> g_heard{0};
 int heard(int32_t) { return ++g_heard, 0; }
+// Writes another variable of the same file from inside a callback: a
+// deadlock if callbacks ran while the watch thread still held the file lock.
+int writesBack(int32_t) {
+    const uint8_t v = 77;
+    cm::storage::putDataItem(CMS_LINK_INACTIVITY, &v);
+    return ++g_heard, 0;
+}
 }  // namespace
 
 // Replaces the library's weak default, as the device platform does.
@@ -127,6 +134,31 @@ TEST_F(Lifecycle, FatalErrorsEndTheProcessWithStatusOne) {
     });
     EXPECT_EQ(status, 1);
     EXPECT_NE(out.find("FATAL ERROR 'inotify_init failed' in line"), std::string::npos) << out;
+}
+
+TEST_F(Lifecycle, CallbacksRunAfterTheFileLockIsReleased) {
+    ASSERT_EQ(CM_init(1), 0);
+    ASSERT_EQ(CM_Register_Interest(CMS_CONNECT_TIMEOUT, writesBack), 0);
+    ASSERT_EQ(CM_Register_Interest(CMS_LINK_INACTIVITY, heard), 0);
+    putOctet(CMS_CONNECT_TIMEOUT, 5);
+    ASSERT_TRUE(cmtest::waitFor([] { return g_heard == 2; }));
+}
+
+TEST_F(Lifecycle, MasterWaitsForAShortFileThenRepairsIt) {
+    cmtest::FastEnv env;
+    ASSERT_EQ(CM_init(1), 0);
+    ASSERT_EQ(CM_Register_Interest(WD_LOG_MODE, heard), 0);
+    const std::string wd = cm::paths::dataFile(6);
+    const std::string good = cmtest::readFile(wd);
+    ASSERT_EQ(truncate(wd.c_str(), 20), 0);
+    // 50 pauses of 100 ms for the file to grow, then a rewrite from defaults
+    // that notifies every variable of the file.
+    ASSERT_TRUE(cmtest::waitFor([] { return g_heard == 1; }));
+    EXPECT_EQ(cmtest::readFile(wd), good);
+    EXPECT_TRUE(sink.contains("length 20 still too short after waiting (expected " + std::to_string(good.size())));
+    int pauses = 0;
+    for (auto d : env.sleeps()) pauses += d == std::chrono::milliseconds(100);
+    EXPECT_EQ(pauses, 50);
 }
 
 TEST_F(Lifecycle, StaleDefaultsLockFileIsRemovedAfterTheWait) {
