@@ -13,6 +13,7 @@
 #include "configmanager/cm_lifecycle.h"
 #include "configmanager/cm_lookup.h"
 #include "configmanager/cm_notify.h"
+#include "configmanager/cm_setup.h"
 #include "configmanager/cm_storage.h"
 #include "configmanager/cm_types.h"
 #include "configmanager/cm_values.h"
