@@ -78,13 +78,6 @@ std::string run(std::istringstream& cmd, const std::string& verb) {
         for (long v = b; v <= to; ++v) bad += put(static_cast<int>(a), static_cast<unsigned long>(v)) != 1;
         return std::to_string(bad);
     }
-    if (verb == "puts") {
-        std::string text;
-        cmd >> text;
-        char buf[300] = {};
-        std::strncpy(buf, text.c_str(), sizeof buf - 1);
-        return std::to_string(cm::storage::putDataItem(static_cast<int32_t>(a), buf));
-    }
     if (verb == "get") return get(static_cast<int>(a));
     return "unknown";
 }

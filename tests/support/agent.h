@@ -10,7 +10,6 @@
 //   regrange <a> <b>     the same for IDs a..b
 //   put <id> <value>     CM_PutDataItem with a number (host order, by type)
 //   putseq <id> <a> <b>  puts a, a+1, ..., b; answers the number of failed writes
-//   puts <id> <text>     CM_PutDataItem with a text
 //   get <id>             "ok <rc> <number or text>"
 //   exit                 CM_Exit(), then the process ends with status 0
 #pragma once
