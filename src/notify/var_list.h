@@ -7,12 +7,12 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "configmanager/cm_types.h"
+#include "configmanager/cm_notify.h"
 
 namespace cm::notify {
 
 // 3296 bits: IDs 0..3289 and the end marker 3290.  ID n is bit n%8 of byte n/8.
-inline constexpr size_t kVarListBytes = 412;
+inline constexpr size_t kVarListBytes = CM_VAR_LIST_BYTES;
 
 int registerCmsifCallback(CM_NotifyCallback pfnCmsifNotify);
 bool cmsifCallbackInstalled();

@@ -58,13 +58,6 @@ bool checkCopy(const char* fn, int i, int rel, int& result) {
     return detail::checkRelative(i, rel, fn);
 }
 
-bool checkOpen(const char* fn, int i) {
-    if (!checkIndex(i, fn)) return false;
-    if (fdRead[i] >= 0) return true;
-    CM_LOG(log::kErr, fn, "Invalid File descriptor for file no. %d\n", i);
-    return false;
-}
-
 void logLseekFailure(const char* fn, int i, unsigned long offset) {
     CM_LOG(log::kErr, fn, "PID=%d. lseek to offset %lu in '%s' failed: %m\n", getpid(), offset, pathOf(i));
 }
@@ -243,7 +236,7 @@ int updateCRCWithLock(int i) { return updateCrc(i, "CM_UpdateCRCwithLock", true)
 
 int writeDefaultData(int i, bool bLock, bool bInitPrevData) {
     constexpr const char* fn = "CM_WriteDefaultData";
-    if (!checkOpen(fn, i)) return -1;
+    if (!checkOpen(i, fn)) return -1;
     if (bLock) lockFile(i, 0, 0);
     unmapFile(i);
     if (dwLenCorrectFile[i] == 0) dwLenCorrectFile[i] = correctLength(i);
@@ -292,7 +285,7 @@ int writeDefaultData(int i, bool bLock, bool bInitPrevData) {
 
 int writeDefaultDataItems(int i, uint32_t level) {
     constexpr const char* fn = "CM_WriteDefaultDataItems";
-    if (!checkOpen(fn, i)) return -1;
+    if (!checkOpen(i, fn)) return -1;
     lockFile(i, 0, 0);
     const auto& file = catalogue::sConfigItemList[i];
     bool anyWritten = false;

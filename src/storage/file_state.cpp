@@ -35,6 +35,13 @@ bool checkIndex(int iFileIndex, const char* fn) {
     return false;
 }
 
+bool checkOpen(int iFileIndex, const char* fn) {
+    if (!checkIndex(iFileIndex, fn)) return false;
+    if (fdRead[iFileIndex] >= 0) return true;
+    CM_LOG(log::kErr, fn, "Invalid File descriptor for file no. %d\n", iFileIndex);
+    return false;
+}
+
 const char* pathOf(int iFileIndex) { return paths::dataFile(iFileIndex); }
 
 }  // namespace cm::storage

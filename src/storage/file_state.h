@@ -38,6 +38,9 @@ uint32_t correctLength(int iFileIndex);
 // Logs "Out of bounds file index" under `fn` and returns false for an index
 // outside 0..9.
 bool checkIndex(int iFileIndex, const char* fn);
+// checkIndex, then logs "Invalid File descriptor for file no." and returns
+// false when the file is not open.
+bool checkOpen(int iFileIndex, const char* fn);
 
 const char* pathOf(int iFileIndex);  // resolved path, for messages and open()
 

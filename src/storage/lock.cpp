@@ -33,16 +33,20 @@ int setLock(int fd, short type, int cmd, off_t start, off_t length) {
     return fcntl(fd, cmd, &fl);
 }
 
+// The file's descriptor, or -1 (logged) when the index is bad or the file
+// is not open.
+int descriptorOf(int i, const char* fn) {
+    if (!checkIndex(i, fn)) return -1;
+    if (fdRead[i] < 0) CM_LOG(log::kErr, fn, "Invalid File descriptor for file no. %d ('%s')\n", i, pathOf(i));
+    return fdRead[i];
+}
+
 }  // namespace
 
 int lockFile(int i, off_t start, off_t length) {
     constexpr const char* fn = "CM_LockFile";
-    if (!checkIndex(i, fn)) return -1;
-    const int fd = fdRead[i];
-    if (fd < 0) {
-        CM_LOG(log::kErr, fn, "Invalid File descriptor for file no. %d ('%s')\n", i, pathOf(i));
-        return -1;
-    }
+    const int fd = descriptorOf(i, fn);
+    if (fd < 0) return -1;
     const int rc = pthread_mutex_lock(&mtxFile[i]);
     if (rc != 0)
         CM_LOG(log::kErr, fn, "PID=%d:%d. File '%s' - Failed to lock CM mutex, error=%d '%s'\n", getpid(),
@@ -79,12 +83,8 @@ int lockFile(int i, off_t start, off_t length) {
 
 int unlockFile(int i, off_t start, off_t length) {
     constexpr const char* fn = "CM_UnLockFile";
-    if (!checkIndex(i, fn)) return -1;
-    const int fd = fdRead[i];
-    if (fd < 0) {
-        CM_LOG(log::kErr, fn, "Invalid File descriptor for file no. %d ('%s')\n", i, pathOf(i));
-        return -1;
-    }
+    const int fd = descriptorOf(i, fn);
+    if (fd < 0) return -1;
     if (setLock(fd, F_UNLCK, F_SETLK, start, length) != 0)
         CM_LOG(log::kErr, fn, "fcntl failed: iFileIndex=%d, fdRead[iFileIndex]=%d, error=%m", i, fd);
     const int rc = pthread_mutex_unlock(&mtxFile[i]);

@@ -159,11 +159,7 @@ int mapFile(int i, uint32_t length) {
 
 int unmapFile(int i) {
     constexpr const char* fn = "CM_UnmapFile";
-    if (!checkIndex(i, fn)) return -1;
-    if (fdRead[i] < 0) {
-        CM_LOG(log::kErr, fn, "Invalid File descriptor for file no. %d\n", i);
-        return -1;
-    }
+    if (!checkOpen(i, fn)) return -1;
     const void* p = pMappedFile[i];
     const uint32_t len = dwLenMappedFile[i];
     if (p == nullptr && len == 0) return 0;
@@ -184,11 +180,7 @@ int unmapFile(int i) {
 
 int remapFile(int i, uint32_t length) {
     constexpr const char* fn = "CM_RemapFile";
-    if (!checkIndex(i, fn)) return -1;
-    if (fdRead[i] < 0) {
-        CM_LOG(log::kErr, fn, "Invalid File descriptor for file no. %d\n", i);
-        return -1;
-    }
+    if (!checkOpen(i, fn)) return -1;
     length = std::min(length, dwLenCorrectFile[i]);
     if (length == 0) return unmapFile(i);
 

@@ -176,23 +176,23 @@ int initialiseDataStruct(int i, bool bInitPrev, bool bStartWatch) {
     bBadFile[i] = result != kFileGood;
     handleExtraBytes(i, fileLen, result);
 
-    if (result != kFileGood && lifecycle::isMaster()) {
-        if (writeDefaultData(i, false, false) == 0)
-            CM_LOG(log::kWarn, fn, "CM data file [%d] '%s' set to defaults for all its CM vars (ID=%d to %d), to fix data errors.\n",
-                   i, pathOf(i), file.iFirstVarID, lastVarId(i));
-    }
+    if (result != kFileGood && lifecycle::isMaster()) repairFromDefaults(i, false, fn);
     if (bInitPrev) initialisePrevData(i);
     if (bStartWatch) watch::addInotifyWatch(i);
     return result;
 }
 
+int repairFromDefaults(int i, bool bInitPrev, const char* fn) {
+    const int rc = writeDefaultData(i, false, bInitPrev);
+    if (rc == 0)
+        CM_LOG(log::kWarn, fn, "CM data file [%d] '%s' set to defaults for all its CM vars (ID=%d to %d), to fix data errors.\n",
+               i, pathOf(i), catalogue::sConfigItemList[i].iFirstVarID, lastVarId(i));
+    return rc;
+}
+
 int actionChangesToAllNewItems(int i) {
     constexpr const char* fn = "CM_ActionChangesToAllNewItems";
-    if (!checkIndex(i, fn)) return -1;
-    if (fdRead[i] < 0) {
-        CM_LOG(log::kErr, fn, "Invalid File descriptor for file no. %d\n", i);
-        return -1;
-    }
+    if (!checkOpen(i, fn)) return -1;
     if (!mapped(i)) {
         CM_LOG(log::kErr, fn, "File %d ('%s') not yet mapped - fail.\n", i, pathOf(i));
         return -1;

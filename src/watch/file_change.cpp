@@ -12,7 +12,6 @@
 #include "notify/registry.h"
 #include "platform/env.h"
 #include "storage/byte_order.h"
-#include "storage/defaults.h"
 #include "storage/file_state.h"
 #include "storage/lock.h"
 #include "storage/open_map.h"
@@ -131,7 +130,7 @@ void handleModifiedFile(int i) {
 void actionFileChange(int i) {
     constexpr const char* fn = "CM_ActionFileChange";
     // Change flags by absolute ID; this thread alone uses them.
-    static bool changed[catalogue::kNumVarIds + 6];
+    static bool changed[catalogue::kNumVarIds];
     if (!ensurePrevData(i)) return;
     const auto& file = catalogue::sConfigItemList[i];
     const int32_t first = file.iFirstVarID;
@@ -168,9 +167,7 @@ void actionFileChange(int i) {
             }
         }
         if (repair) {
-            if (writeDefaultData(i, false, true) == 0)
-                CM_LOG(log::kWarn, fn, "CM data file [%d] '%s' set to defaults for all its CM vars (ID=%d to %d), to fix data errors.\n",
-                       i, pathOf(i), first, first + file.iNumItems - 1);
+            repairFromDefaults(i, true, fn);
             std::memset(changed + first, 1, static_cast<size_t>(file.iNumItems) * sizeof(bool));
             anyChange = true;
         }

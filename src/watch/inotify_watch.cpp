@@ -18,11 +18,7 @@ using namespace storage;
 
 // The checks shared by adding and removing a watch.
 bool checkWatchable(int i, const char* fn, bool forAdd) {
-    if (!checkIndex(i, fn)) return false;
-    if (fdRead[i] < 0) {
-        CM_LOG(log::kErr, fn, "Invalid File descriptor for file no. %d\n", i);
-        return false;
-    }
+    if (!checkOpen(i, fn)) return false;
     if (lifecycle::inotifyfd.load() < 0) {
         CM_LOG(log::kErr, fn, "inotifyfd uninitialised for file no. %d\n", i);
         return false;
