@@ -63,6 +63,4 @@ const char* dataFile(int iFileIndex) { return paths().files[iFileIndex]; }
 
 const char* defaultsLockFile() { return paths().lockFile; }
 
-std::string resolve(std::string_view devicePath) { return std::string(paths().root) + std::string(devicePath); }
-
 }  // namespace cm::paths

@@ -6,15 +6,13 @@
 // per setRoot(), so the hot paths never build strings.
 #pragma once
 
-#include <string>
 #include <string_view>
 
 namespace cm::paths {
 
-// Device paths of the fixed files outside the catalogue.
+// Device paths of the fixed files outside the catalogue; each gets a
+// resolved copy below.
 inline constexpr const char* kDefaultsLockFile = "/tmp/_LoadDefaultsAllLock_";
-inline constexpr const char* kClearHistoryMarker = "/var/AppData/.clearhistory";
-inline constexpr const char* kTagCacheFile = "/var/AppData/config/CMTagSortedList.txt";
 
 // Sets the root directory ("/" or empty for the device layout).  Returns
 // false when the text is too long for a path.
@@ -25,7 +23,5 @@ const char* root();
 const char* dataFile(int iFileIndex);
 // The resolved path of the all-defaults lock file.
 const char* defaultsLockFile();
-// Any other fixed device path, resolved under the root.
-std::string resolve(std::string_view devicePath);
 
 }  // namespace cm::paths
