@@ -17,6 +17,7 @@
 #include "log/log.h"
 #include "platform/paths.h"
 #include "storage/file_state.h"
+#include "watch/watch_thread.h"
 
 namespace fs = std::filesystem;
 
@@ -90,6 +91,8 @@ void resetLibraryState() {
     log::dwLogFilter = 5;
     g_iConsoleLog = 0;
     lifecycle::cleanUp();  // descriptors, mappings, the inotify descriptor
+    // A watch thread must see the kill flag and end before it is cleared.
+    watch::waitForStaleWatchThread();
     for (int i = 0; i < storage::kNumFiles; ++i) {
         std::free(storage::pPrevData[i]);
         storage::pPrevData[i] = nullptr;
