@@ -9,6 +9,11 @@
 #                         sanitizers, run every test (halts on the first report)
 #   make test-tsan        build into build-tsan/ with the thread sanitizer, run every test
 #                         (suppressions for both: tests/sanitizers/*.supp, each with its reason)
+#   make stress           1 master and 7 other processes write and watch for STRESS_SECONDS
+#                         (default 25); fails on any lost change, mismatch, crash or hang
+#   make sweep            corruption sweep: byte flips, truncations, junk on data files;
+#                         the master must repair each, no process may crash or hang
+#                         (stops after SWEEP_BUDGET seconds, default 90)
 BUILD ?= build
 BUILD_BE ?= build-be
 PREFIX ?= /usr/local
@@ -16,7 +21,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
 .PHONY: all build test test-be build-be be-sysroot compare-be install install-check clean
-.PHONY: test-asan test-tsan build-asan build-tsan
+.PHONY: test-asan test-tsan build-asan build-tsan stress sweep
 
 all: build
 
@@ -99,6 +104,15 @@ test-asan: build-asan
 
 test-tsan: build-tsan
 	cd $(BUILD_TSAN) && TSAN_OPTIONS=$$TSAN_TEST_OPTIONS ctest --output-on-failure -j $(JOBS)
+
+STRESS_SECONDS ?= 25
+SWEEP_BUDGET ?= 90
+
+stress: build
+	$(BUILD)/tests/robustness/cm_stress $(STRESS_SECONDS) 8
+
+sweep: build
+	$(BUILD)/tests/robustness/cm_sweep $(SWEEP_BUDGET)
 
 clean:
 	rm -rf $(BUILD) $(BUILD_BE) $(BUILD_ASAN) $(BUILD_TSAN)
