@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
 
+#include <cstddef>
 #include <cstring>
 #include <vector>
 
@@ -44,6 +45,25 @@ TEST(EventParse, EventsBecomeOneFlagPerFileAndBrokenOnesAreDropped) {
     EXPECT_EQ(sink.count("Failed to find a watch descriptor match\n"), 1);
     EXPECT_TRUE(sink.contains("Partial event struct of 10 bytes at end of data from inotify read of " +
                               std::to_string(buf.size()) + " bytes\n"));
+    cmtest::resetLibraryState();
+}
+
+// A queue overflow (no watch descriptor) marks every file modified; an event
+// whose stated name runs past the read is dropped as partial.
+TEST(EventParse, OverflowMarksEveryFileAndOverlongNamesAreCut) {
+    cmtest::resetLibraryState();
+    cmtest::CaptureSink sink;
+    for (int i = 0; i < cm::storage::kNumFiles; ++i) cm::storage::inotifywd[i] = 100 + i;
+    std::vector<uint8_t> buf;
+    add(buf, -1, IN_Q_OVERFLOW);
+    add(buf, 103, IN_DELETE_SELF);
+    const uint32_t overlong = 4000;
+    std::memcpy(buf.data() + kEventHeader + offsetof(inotify_event, len), &overlong, sizeof overlong);
+    PassFlags f{};
+    parseEvents(buf.data(), buf.size(), f);
+    for (int i = 0; i < cm::storage::kNumFiles; ++i) EXPECT_TRUE(f.modified[i] && !f.deleted[i]) << i;
+    EXPECT_EQ(sink.count("Failed to find a watch descriptor match\n"), 1);
+    EXPECT_TRUE(sink.contains("Partial event struct of 16 bytes at end of data from inotify read of 32 bytes\n"));
     cmtest::resetLibraryState();
 }
 

@@ -134,6 +134,9 @@ TEST_F(Hardening, DeletingAFileUnderReadersNeverWedgesIt) {
 // no watch thread, and under a non-master whose watch thread then diffs it:
 // reads past the cut fail, nothing raises SIGBUS.
 TEST_F(Hardening, ShrinkingAFileUnderAMappingNeverRaisesSigbus) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "under the thread sanitizer a SIGBUS in a forked child is not handed to the guard";
+#endif
     EXPECT_CHILD_OK(inChild([&] {
         cmtest::FastEnv fast;  // the master's growth wait in microseconds
         uint8_t buf[512];
@@ -173,6 +176,9 @@ TEST_F(Hardening, ShrinkingAFileUnderAMappingNeverRaisesSigbus) {
 // A child forked after the start stops and restarts the library; the
 // parent's watch thread goes on hearing changes.
 TEST_F(Hardening, ChildForkedAfterStartCanRestart) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the thread sanitizer cannot follow threads started in a child of a threaded process";
+#endif
     static std::atomic<int> heard{0};
     const int32_t id = firstOfType(2, DT_DWORD);
     ASSERT_EQ(CM_init(1), 0);
@@ -312,17 +318,6 @@ TEST_F(Hardening, PrivateCopyThatCannotGrowIsDropped) {
 }
 #endif
 
-// Opening an open file again keeps its one descriptor.
-TEST_F(Hardening, OpeningAnOpenFileReusesItsDescriptor) {
-    ASSERT_EQ(CM_init(1), 0);
-    const int fd = storage::fdRead[kCt];
-    const auto before = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-    EXPECT_EQ(CM_OpenOrCreateFile(kCt), 0);
-    EXPECT_EQ(CM_OpenFile(kCt), 0);
-    EXPECT_EQ(storage::fdRead[kCt], fd);
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}), before);
-}
-
 // Deletes the CT file again the moment the master has re-created it, before
 // its new watch is in place.
 class DeleteOnRecreate final : public log::Sink {
@@ -336,11 +331,19 @@ public:
     std::atomic<bool> armed{false}, done{false};
 };
 
-TEST_F(Hardening, FileDeletedAgainBeforeItsWatchIsStillRecreated) {
+// Opening an open file again keeps its one descriptor; a file deleted again
+// before its new watch is in place is still noticed and re-created.
+TEST_F(Hardening, ReopenedFilesKeepTheirDescriptorAndRedeletedOnesComeBack) {
     DeleteOnRecreate sink;
     log::setSink(&sink);
     log::dwLogFilter = 7;
     ASSERT_EQ(CM_init(1), 0);
+    const int fd = storage::fdRead[kCt];
+    const auto before = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    EXPECT_EQ(CM_OpenOrCreateFile(kCt), 0);
+    EXPECT_EQ(CM_OpenFile(kCt), 0);
+    EXPECT_EQ(storage::fdRead[kCt], fd);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}), before);
     sink.armed = true;
     unlink(ct());
     EXPECT_TRUE(cmtest::waitFor([&] { return sink.done && sizeOf(ct()) == correct(); }, 5s));
