@@ -102,17 +102,8 @@ test-asan: build-asan
 	cd $(BUILD_ASAN) && ASAN_OPTIONS=$$ASAN_TEST_OPTIONS LSAN_OPTIONS=$$LSAN_TEST_OPTIONS \
 	  UBSAN_OPTIONS=$$UBSAN_TEST_OPTIONS ctest --output-on-failure -j $(JOBS)
 
-# Tests the thread sanitizer cannot run, left out of this leg only:
-#  - ChildForkedAfterStartCanRestart: after fork, glibc gives the child's new
-#    watch thread the stack of the parent's (absent in the child), and the
-#    sanitizer, which still counts that thread as alive, stops with "dup thread".
-#  - ShrinkingAFileUnderAMappingNeverRaisesSigbus: the sanitizer's own memcpy
-#    and signal interception change how a fault in a cut mapping reaches the
-#    library's SIGBUS guard.
-TSAN_EXCLUDE := ^Hardening\.(ChildForkedAfterStartCanRestart|ShrinkingAFileUnderAMappingNeverRaisesSigbus)$$
-
 test-tsan: build-tsan
-	cd $(BUILD_TSAN) && TSAN_OPTIONS=$$TSAN_TEST_OPTIONS ctest --output-on-failure -j $(JOBS) -E '$(TSAN_EXCLUDE)'
+	cd $(BUILD_TSAN) && TSAN_OPTIONS=$$TSAN_TEST_OPTIONS ctest --output-on-failure -j $(JOBS)
 
 STRESS_SECONDS ?= 25
 SWEEP_BUDGET ?= 60
