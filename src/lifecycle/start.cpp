@@ -10,6 +10,7 @@
 
 #include "catalogue/catalogue.h"
 #include "configmanager/cm_lifecycle.h"
+#include "inotify/inotify_watch.h"
 #include "lifecycle/shutdown.h"
 #include "log/log.h"
 #include "notify/registry.h"
@@ -90,8 +91,10 @@ int fileAccessInit() {
     for (int i = 0; i < kNumFiles; ++i)
         CM_LOG_TAGGED(log::kDebug, "File '%s': Number of entries=%d, start offset=%d \n", storage::pathOf(i),
                       catalogue::sConfigItemList[i].iNumItems, catalogue::sConfigItemList[i].iFirstVarID);
-    // A thread of an earlier start must be gone before files are opened again.
+    // A thread of an earlier start must be gone before files are opened again,
+    // and none of its pending re-checks carries over.
     watch::waitForStaleWatchThread();
+    for (int i = 0; i < kNumFiles; ++i) inotify::takeRecheck(i);
     s_bKillCM = 0;
     const int fd = inotify_init();
     if (fd < 0) errQuit("'inotify_init failed'", __LINE__);

@@ -17,6 +17,7 @@
 #include "platform/paths.h"
 #include "process/state.h"
 #include "storage/file_state.h"
+#include "storage/open_map.h"
 #include "watch/watch_thread.h"
 
 namespace fs = std::filesystem;
@@ -95,8 +96,7 @@ void resetLibraryState() {
     log::dwLogFilter = 5;
     g_iConsoleLog = 0;
     for (int i = 0; i < storage::kNumFiles; ++i) {
-        std::free(storage::pPrevData[i]);
-        storage::pPrevData[i] = nullptr;
+        storage::dropPrevData(i);
         storage::dwLenActualFile[i] = storage::dwLenCorrectFile[i] = 0;
         storage::bBadFile[i] = 0;
         storage::inotifywd[i] = -1;
