@@ -13,7 +13,7 @@
 #                         (default 25); fails on any lost change, mismatch, crash or hang
 #   make sweep            corruption sweep: byte flips, truncations, junk on data files;
 #                         the master must repair each, no process may crash or hang
-#                         (stops after SWEEP_BUDGET seconds, default 90)
+#                         (stops after SWEEP_BUDGET seconds, default 60)
 BUILD ?= build
 BUILD_BE ?= build-be
 PREFIX ?= /usr/local
@@ -106,7 +106,7 @@ test-tsan: build-tsan
 	cd $(BUILD_TSAN) && TSAN_OPTIONS=$$TSAN_TEST_OPTIONS ctest --output-on-failure -j $(JOBS)
 
 STRESS_SECONDS ?= 25
-SWEEP_BUDGET ?= 90
+SWEEP_BUDGET ?= 60
 
 stress: build
 	$(BUILD)/tests/robustness/cm_stress $(STRESS_SECONDS) 8
