@@ -108,6 +108,7 @@ protected:
     void TearDown() override { cmtest::resetLibraryState(); }
     cmtest::TempRoot root;
     const char* ct() const { return storage::pathOf(kCt); }
+    const char* ct2() const { return storage::pathOf(2); }
     off_t correct() const { return storage::correctLength(kCt); }
 };
 
@@ -173,8 +174,8 @@ TEST_F(Hardening, ShrinkingAFileUnderAMappingNeverRaisesSigbus) {
     }, 30));
 }
 
-// A child forked after the start stops and restarts the library; the
-// parent's watch thread goes on hearing changes.
+// A child forked after the start (while other threads read) stops and
+// restarts the library; the parent's watch thread goes on hearing changes.
 TEST_F(Hardening, ChildForkedAfterStartCanRestart) {
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the thread sanitizer cannot follow threads started in a child of a threaded process";
@@ -183,11 +184,29 @@ TEST_F(Hardening, ChildForkedAfterStartCanRestart) {
     const int32_t id = firstOfType(2, DT_DWORD);
     ASSERT_EQ(CM_init(1), 0);
     ASSERT_EQ(CM_Register_Interest(id, [](int32_t) { return ++heard, 0; }), 0);
-    EXPECT_CHILD_OK(inChild([&] { return CM_Exit() != 0 ? 1 : CM_init(0) != 0 ? 2 : CM_Exit() != 0 ? 3 : 0; }, 15));
+    {
+        Readers readers(lastIdOf(kCt), 2);  // likely to hold a file mutex at the fork
+        std::this_thread::sleep_for(10ms);
+        EXPECT_CHILD_OK(inChild([&] { return CM_Exit() != 0 ? 1 : CM_init(0) != 0 ? 2 : CM_Exit() != 0 ? 3 : 0; }, 15));
+    }
     const uint32_t v = 4242;
     ASSERT_EQ(CM_PutDataItem(id, &v), 1);
     EXPECT_TRUE(cmtest::waitFor([] { return heard > 0; }));
 }
+
+// Sleeps before writing a given message, to hold up the thread writing it.
+class SlowBefore final : public log::Sink {
+public:
+    explicit SlowBefore(std::string text) : text_(std::move(text)) {}
+    void write(log::Channel, int, const char* fmt, va_list ap) override {
+        char text[1024];
+        vsnprintf(text, sizeof text, fmt, ap);
+        if (std::strstr(text, text_.c_str()) != nullptr) std::this_thread::sleep_for(200ms);
+    }
+
+private:
+    std::string text_;
+};
 
 // Stops while the watch thread diffs and runs a callback that reads, then a
 // start right after a stop whose callback waits for mCMMutex (as a set does).
@@ -212,16 +231,28 @@ TEST_F(Hardening, StopWhileTheWatchThreadIsBusyAndRestartAtOnce) {
             stop = true;
             writer.join();
         }
+        // One diff finds two changes.  While the first callback runs, the
+        // stop and the start begin; the thread is held up before the second
+        // notification, whose CMSIF callback (which a start does not clear)
+        // sets a variable, as the management process does: a start that took
+        // mCMMutex before waiting for the thread would never end.
         if (CM_init(1) != 0) return 2;
-        CM_Register_Interest(x, [](int32_t) {
-            entered = true;
-            std::this_thread::sleep_for(100ms);
+        int32_t b = x + 1;
+        while (!catalogue::entry(2, b - fileOf(2).iFirstVarID).reportable()) ++b;
+        SlowBefore slow("CM_Notify called for var " + std::to_string(b) + "\n");
+        log::setSink(&slow);
+        log::dwLogFilter = 7;
+        CM_Register_Interest(x, [](int32_t) { return entered = true, std::this_thread::sleep_for(100ms), 0; });
+        CM_Register_CMSIF_Var_Changed_CB([](int32_t) {
             pthread_mutex_lock(&process::mCMMutex);
             pthread_mutex_unlock(&process::mCMMutex);
             return 0;
         });
-        const uint32_t v = 7;
-        CM_PutDataItem(x, &v);
+        std::string bytes = cmtest::readFile(ct2());
+        for (int32_t id : {x, b}) bytes[catalogue::entry(2, id - fileOf(2).iFirstVarID).recordOffset() + 4] ^= 1;
+        const int fd = open(ct2(), O_WRONLY);
+        if (pwrite(fd, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) return 3;
+        close(fd);
         if (!cmtest::waitFor([] { return entered.load(); })) return 3;
         CM_Exit();
         return CM_init(1) != 0 ? 4 : CM_Exit();
