@@ -20,6 +20,7 @@
 
 #include "catalogue/catalogue.h"
 #include "platform/paths.h"
+#include "storage/file_state.h"
 #include "storage/byte_order.h"
 
 namespace bench::floor {
@@ -49,7 +50,7 @@ struct File {
     // walk, private copy, unlock.  False when the file is unusable.
     bool open(int i) {
         index = i;
-        fd = ::open(cm::paths::dataFile(i), O_RDWR | O_CLOEXEC);
+        fd = ::open(cm::storage::pathOf(i), O_RDWR | O_CLOEXEC);
         if (fd < 0) return false;
         struct stat st{};
         if (fstat(fd, &st) != 0 || st.st_size == 0) return false;
@@ -135,7 +136,7 @@ struct File {
 // The watch of one file on a fresh inotify instance, with the library's mask.
 inline int watch(const File& f) {
     const int ifd = inotify_init1(IN_CLOEXEC);
-    if (ifd >= 0) inotify_add_watch(ifd, cm::paths::dataFile(f.index), 0xF02 | IN_ATTRIB);
+    if (ifd >= 0) inotify_add_watch(ifd, cm::storage::pathOf(f.index), 0xF02 | IN_ATTRIB);
     return ifd;
 }
 

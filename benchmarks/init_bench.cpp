@@ -28,7 +28,7 @@ void floorStart() {
     const int ifd = inotify_init1(IN_CLOEXEC);
     for (int i = 0; i < cm::catalogue::kNumFiles; ++i) {
         auto* f = new bench::floor::File;
-        if (f->open(i)) inotify_add_watch(ifd, cm::paths::dataFile(i), 0xF02 | IN_ATTRIB);
+        if (f->open(i)) inotify_add_watch(ifd, cm::storage::pathOf(i), 0xF02 | IN_ATTRIB);
     }
     pthread_t t;
     pthread_create(&t, nullptr, blockOnEvents, reinterpret_cast<void*>(static_cast<intptr_t>(ifd)));
