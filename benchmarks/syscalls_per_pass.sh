@@ -49,6 +49,11 @@ count() {
 
 read -r lib_calls lib_reads < <(count lib)
 read -r floor_calls floor_reads < <(count floor)
+if [ -z "${lib_reads:-}" ] || [ -z "${floor_reads:-}" ]; then
+    echo "syscalls_per_pass: no counts from strace" >&2
+    cat "$dir"/strace.* >&2 || true
+    exit 1
+fi
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.3f", (b > 0 ? a / b : 0) }'; }
 lib_pass=$(ratio "$lib_calls" "$lib_reads")
 floor_pass=$(ratio "$floor_calls" "$floor_reads")
