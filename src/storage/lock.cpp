@@ -41,17 +41,9 @@ int descriptorOf(int i, const char* fn) {
     return fdRead[i];
 }
 
-}  // namespace
-
-int lockFile(int i, off_t start, off_t length) {
+// The fcntl half of lockFile, for a thread that holds the file's mutex.
+int lockRange(int i, int fd, off_t start, off_t length) {
     constexpr const char* fn = "CM_LockFile";
-    const int fd = descriptorOf(i, fn);
-    if (fd < 0) return -1;
-    const int rc = pthread_mutex_lock(&mtxFile[i]);
-    if (rc != 0)
-        CM_LOG(log::kErr, fn, "PID=%d:%d. File '%s' - Failed to lock CM mutex, error=%d '%s'\n", getpid(),
-               platform::tid(), pathOf(i), rc, std::strerror(rc));
-
     if (setLock(fd, F_WRLCK, F_SETLKW, start, length) == 0) return 0;
     int err = errno;
     // Interrupted, deadlock-detected or out-of-locks requests are retried
@@ -81,12 +73,36 @@ int lockFile(int i, off_t start, off_t length) {
     return -1;
 }
 
+void unlockRange(int i, int fd, off_t start, off_t length) {
+    if (setLock(fd, F_UNLCK, F_SETLK, start, length) != 0)
+        CM_LOG(log::kErr, "CM_UnLockFile", "fcntl failed: iFileIndex=%d, fdRead[iFileIndex]=%d, error=%m", i, fd);
+}
+
+}  // namespace
+
+int lockFile(int i, off_t start, off_t length) {
+    constexpr const char* fn = "CM_LockFile";
+    const int fd = descriptorOf(i, fn);
+    if (fd < 0) return -1;
+    const int rc = pthread_mutex_lock(&mtxFile[i]);
+    if (rc != 0)
+        CM_LOG(log::kErr, fn, "PID=%d:%d. File '%s' - Failed to lock CM mutex, error=%d '%s'\n", getpid(),
+               platform::tid(), pathOf(i), rc, std::strerror(rc));
+    return lockRange(i, fd, start, length);
+}
+
+int moveLock(int i, off_t fromStart, off_t fromLength, off_t toStart, off_t toLength) {
+    const int fd = descriptorOf(i, "CM_UnLockFile");
+    if (fd < 0) return -1;
+    unlockRange(i, fd, fromStart, fromLength);
+    return lockRange(i, fd, toStart, toLength);
+}
+
 int unlockFile(int i, off_t start, off_t length) {
     constexpr const char* fn = "CM_UnLockFile";
     const int fd = descriptorOf(i, fn);
     if (fd < 0) return -1;
-    if (setLock(fd, F_UNLCK, F_SETLK, start, length) != 0)
-        CM_LOG(log::kErr, fn, "fcntl failed: iFileIndex=%d, fdRead[iFileIndex]=%d, error=%m", i, fd);
+    unlockRange(i, fd, start, length);
     const int rc = pthread_mutex_unlock(&mtxFile[i]);
     if (rc != 0)
         CM_LOG(log::kErr, fn, "PID=%d:%d File '%s' - Failed to UNlock CM mutex, error=%d '%s'\n", getpid(),
