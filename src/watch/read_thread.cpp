@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <poll.h>
 #include <pthread.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -8,6 +7,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 
 #include "inotify/event_parse.h"
 #include "log/log.h"
@@ -27,40 +27,21 @@ constexpr int kLockFileChecks = 100;
 
 using storage::kNumFiles;
 
-// Self-pipe that wakes the thread out of its wait for events at shutdown.
-int g_wakePipe[2] = {-1, -1};
-pthread_once_t g_wakeOnce = PTHREAD_ONCE_INIT;
+// The thread's own descriptor of the inotify instance (shutdown closes the
+// shared one, and its number may be reused at once).  Guarded by g_fdMutex,
+// so that a wake-up never uses a descriptor the thread has closed.
+std::mutex g_fdMutex;
+int g_threadFd = -1;
 pthread_t g_thread;
 std::atomic<bool> g_threadJoinable{false};
 
-void makeWakePipe() {
-    if (pipe2(g_wakePipe, O_CLOEXEC | O_NONBLOCK) != 0) g_wakePipe[0] = g_wakePipe[1] = -1;
-}
-
-void drainWakePipe() {
-    char buf[64];
-    if (g_wakePipe[0] >= 0)
-        while (read(g_wakePipe[0], buf, sizeof buf) > 0) {
-        }
-}
-
-// Waits for events (or a wake-up) and reads one buffer.  Returns the byte
-// count, 0 when woken, or -1 with errno set.
+// Blocks for one buffer of events: a plain read, so that a pass costs no
+// extra system call.  wakeWatchThread() ends the wait with an event of its
+// own.  Returns the byte count, or -1 with errno set.
 ssize_t readEvents(int fd, uint8_t* buf) {
     for (;;) {
-        pollfd fds[2] = {{fd, POLLIN, 0}, {g_wakePipe[0], POLLIN, 0}};
-        const int n = poll(fds, g_wakePipe[0] >= 0 ? 2 : 1, -1);
-        if (process::killRequested()) return 0;
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        if (fds[1].revents & POLLIN) {
-            drainWakePipe();
-            continue;
-        }
         const ssize_t got = read(fd, buf, inotify::kEventBufferSize);
-        if (got < 0 && errno == EINTR) continue;
+        if (got < 0 && errno == EINTR && !process::killRequested()) continue;
         return got;
     }
 }
@@ -109,14 +90,17 @@ void runPass(int fd) {
 
 void* readThread(void*) {
     CM_LOG_TAGGED(293, "Started pthread PID=%d:%d running ConfigManager CM_ReadThread()\n", getpid(), platform::tid());
-    // The thread keeps its own reference to the inotify instance: shutdown
-    // closes the shared descriptor, and its number may be reused at once.
-    // dup() rather than F_DUPFD_CLOEXEC: user-mode emulators of other byte
-    // orders convert inotify events only on descriptors copied this way.
-    const int fd = dup(process::inotifyfd.load());
-    if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);
+    int fd;
+    {
+        std::lock_guard<std::mutex> g(g_fdMutex);
+        fd = g_threadFd;
+    }
     while (fd >= 0 && !process::killRequested()) runPass(fd);
-    if (fd >= 0) close(fd);
+    {
+        std::lock_guard<std::mutex> g(g_fdMutex);
+        if (g_threadFd >= 0) close(g_threadFd);
+        g_threadFd = -1;
+    }
     process::s_bKillCM = 0;
     storage::releaseResources();
     CM_LOG_TAGGED(5, "CM thread terminated\n");
@@ -124,26 +108,36 @@ void* readThread(void*) {
 }
 
 void waitForStaleWatchThread() {
-    pthread_once(&g_wakeOnce, makeWakePipe);
     if (g_threadJoinable.exchange(false) && !pthread_equal(g_thread, pthread_self())) {
         wakeWatchThread();
         pthread_join(g_thread, nullptr);
     }
-    drainWakePipe();
 }
 
 int startWatchThread() {
-    pthread_once(&g_wakeOnce, makeWakePipe);
+    {
+        // dup() rather than F_DUPFD_CLOEXEC: user-mode emulators of other
+        // byte orders convert inotify events only on descriptors copied so.
+        std::lock_guard<std::mutex> g(g_fdMutex);
+        g_threadFd = dup(process::inotifyfd.load());
+        if (g_threadFd >= 0) fcntl(g_threadFd, F_SETFD, FD_CLOEXEC);
+    }
     const int rc = pthread_create(&g_thread, nullptr, readThread, nullptr);
     if (rc == 0) g_threadJoinable = true;
     return rc;
 }
 
 void wakeWatchThread() {
-    if (g_wakePipe[1] >= 0) {
-        const char b = 1;
-        [[maybe_unused]] ssize_t n = write(g_wakePipe[1], &b, 1);
-    }
+    // Adding a watch and removing it at once queues an IN_IGNORED event on
+    // the instance, which ends the thread's read; the thread then sees the
+    // kill flag before it looks at the event.  The watch goes on a directory
+    // (the root of the device tree, else "/"), never on a data file, so it
+    // cannot be one of the files' own watches.
+    std::lock_guard<std::mutex> g(g_fdMutex);
+    if (g_threadFd < 0) return;
+    int wd = inotify_add_watch(g_threadFd, paths::root(), IN_DELETE_SELF | IN_ONLYDIR);
+    if (wd < 0) wd = inotify_add_watch(g_threadFd, "/", IN_DELETE_SELF | IN_ONLYDIR);
+    if (wd >= 0) inotify_rm_watch(g_threadFd, wd);
 }
 
 }  // namespace cm::watch
