@@ -1,5 +1,6 @@
 // The watch thread's diff of the largest data file when nothing changed:
-// the whole-file comparison against a record-by-record walk.
+// the comparison alone, and with one block that differs (its records are
+// then walked under the file lock).
 //
 //   build/benchmarks/diff_bench
 //

@@ -110,4 +110,7 @@ int unlockFile(int i, off_t start, off_t length) {
     return 0;
 }
 
+ProcessMutex::ProcessMutex(int iFileIndex) : file_(iFileIndex) { pthread_mutex_lock(&mtxFile[file_]); }
+ProcessMutex::~ProcessMutex() { pthread_mutex_unlock(&mtxFile[file_]); }
+
 }  // namespace cm::storage

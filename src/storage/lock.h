@@ -40,4 +40,18 @@ private:
     off_t start_, length_;
 };
 
+// Holds only the file's process mutex for a scope: this process's mapping
+// and private copy stay in place, other processes are not held up, and no
+// system call is made unless another thread of the process holds it.
+class ProcessMutex {
+public:
+    explicit ProcessMutex(int iFileIndex);
+    ~ProcessMutex();
+    ProcessMutex(const ProcessMutex&) = delete;
+    ProcessMutex& operator=(const ProcessMutex&) = delete;
+
+private:
+    int file_;
+};
+
 }  // namespace cm::storage

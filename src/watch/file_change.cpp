@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstring>
+#include <span>
 
 #include "catalogue/catalogue.h"
 #include "inotify/inotify_watch.h"
@@ -17,6 +19,7 @@
 #include "storage/file_state.h"
 #include "storage/lock.h"
 #include "storage/open_map.h"
+#include "watch/block_map.h"
 
 namespace cm::watch {
 namespace {
@@ -131,22 +134,40 @@ void handleModifiedFile(int i) {
 
 void actionFileChange(int i) {
     constexpr const char* fn = "CM_ActionFileChange";
-    // Change flags by absolute ID; this thread alone uses them.
-    static bool changed[catalogue::kNumVarIds];
     if (!ensurePrevData(i)) return;
     const auto& file = catalogue::sConfigItemList[i];
     const int32_t first = file.iFirstVarID;
-    std::memset(changed + first, 0, static_cast<size_t>(file.iNumItems) * sizeof(bool));
+
+    // A first look without the fcntl lock, so that an unchanged file holds
+    // up no other process.  A write in progress can only make a block look
+    // different (it is looked at again under the lock); a write that lands
+    // after its block was compared raises an event of its own, which the
+    // next pass sees.
+    std::span<const uint32_t> blocks;
+    {
+        ProcessMutex m(i);
+        if (mapped(i) && pPrevData[i] != nullptr)
+            blocks = differingBlocks(pMappedFile[i], pPrevData[i], dwLenMappedFile[i]);
+    }
+    if (blocks.empty()) return;
+
+    // Relative IDs of the changed records, ascending; this thread alone uses them.
+    static int changed[catalogue::kNumVarIds];
+    int nChanged = 0;
     bool repair = false;
-    bool anyChange = false;
     {
         FileLock whole(i, 0, 0);
-        const uint8_t* map = pMappedFile[i];
+        const uint8_t* map = pPrevData[i] != nullptr ? pMappedFile[i] : nullptr;
         uint8_t* prev = pPrevData[i];
-        const uint32_t len = dwLenMappedFile[i];
-        // An untouched file is the common case: one comparison settles it.
-        if (map != nullptr && len != 0 && std::memcmp(map, prev, len) != 0) {
-            for (int r = 0; r < file.iNumItems; ++r) {
+        const uint32_t len = mapped(i) ? dwLenMappedFile[i] : 0;
+        int r = 0;
+        for (const uint32_t b : blocks) {
+            const uint32_t start = b * kBlockSize;
+            if (map == nullptr || start >= len) break;
+            const uint32_t end = std::min(len, start + kBlockSize);
+            if (std::memcmp(map + start, prev + start, end - start) == 0) continue;
+            // Only the records that reach into this block; each is walked once.
+            for (r = std::max(r, firstRecordOfBlock(i, b)); r < file.iNumItems && layoutOffset(i, r) < end; ++r) {
                 const auto& e = file.pItems[r];
                 const uint32_t off = e.recordOffset();
                 if (off == catalogue::kNoRecord || off < kHeaderSize || off + kRecordHeader + e.wDataSize > len) continue;
@@ -164,20 +185,18 @@ void actionFileChange(int i) {
                     CM_LOG_TAGGED(log::kInfo, "CM_ActionFileChange: Var %d (relative %d) in file '%s' - has changed\n",
                                   first + r, r, pathOf(i));
                     std::memcpy(prev + off + kRecordHeader, map + off + kRecordHeader, e.wDataSize);
-                    changed[first + r] = anyChange = true;
+                    changed[nChanged++] = r;
                 }
             }
         }
-        if (repair) {
-            repairFromDefaults(i, true, fn);
-            std::memset(changed + first, 1, static_cast<size_t>(file.iNumItems) * sizeof(bool));
-            anyChange = true;
-        }
+        if (repair) repairFromDefaults(i, true, fn);
     }
     // Callbacks run only after the file lock is released, in ID order.
-    if (!anyChange) return;
-    for (int r = 0; r < file.iNumItems; ++r)
-        if (changed[first + r]) notify::notify(first + r);
+    if (repair) {
+        for (int rel = 0; rel < file.iNumItems; ++rel) notify::notify(first + rel);
+        return;
+    }
+    for (int n = 0; n < nChanged; ++n) notify::notify(first + changed[n]);
 }
 
 }  // namespace cm::watch
