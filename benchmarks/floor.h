@@ -2,7 +2,8 @@
 // files forces, with nothing of the library around them.  The benchmarks
 // measure the library against these in the same run.
 //
-//   open + fstat + whole-file lock + mmap + record walk + private copy + watch
+//   open + fstat (the wait for a non-empty file) + whole-file lock + fstat
+//   (the length, under the lock) + mmap + record walk + private copy + watch
 //   record lock + lseek/write + unlock, whole-file lock + lseek/write + unlock
 //   blocking inotify read + fstat + whole-file lock + compare (+ walk) + unlock
 #pragma once
@@ -46,16 +47,17 @@ struct File {
     uint32_t len = 0;
     std::vector<uint32_t> offset;
 
-    // open, close-on-exec, fstat, whole-file lock, mmap, header and record
-    // walk, private copy, unlock.  False when the file is unusable.
+    // open (close-on-exec), fstat, whole-file lock, fstat, mmap, header and
+    // record walk, private copy, unlock.  False when the file is unusable.
     bool open(int i) {
         index = i;
         fd = ::open(cm::storage::pathOf(i), O_RDWR | O_CLOEXEC);
         if (fd < 0) return false;
         struct stat st{};
         if (fstat(fd, &st) != 0 || st.st_size == 0) return false;
-        len = static_cast<uint32_t>(st.st_size);
         lock(fd, 0, 0);
+        fstat(fd, &st);
+        len = static_cast<uint32_t>(st.st_size);
         void* m = mmap(nullptr, len, PROT_READ, MAP_PRIVATE, fd, 0);
         bool ok = m != MAP_FAILED;
         if (ok) {
