@@ -58,7 +58,7 @@ double sample(bool lib, const std::string& root, int64_t* slot) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int rounds = bench::rounds(argc, argv, 5) * 6;
+    const int rounds = bench::rounds(argc, argv, 8) * 6;
     auto* slot = static_cast<int64_t*>(
         mmap(nullptr, sizeof(int64_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     bench::ScratchRoot root;

@@ -262,7 +262,7 @@ int main(int argc, char** argv) {
     g = makeShared();
     if (argc > 1 && std::strncmp(argv[1], "--benchmark", 11) != 0 && std::strcmp(argv[1], "--rounds") != 0)
         return helperMode(argc, argv) == 0 ? 0 : 2;
-    const int rounds = bench::rounds(argc, argv, 5);
+    const int rounds = bench::rounds(argc, argv, 9);
 
     bench::ScratchRoot root;
     prepare(root.dir);

@@ -19,12 +19,15 @@ import sys
 
 
 def run(cmd):
+    out = ""
     try:
         out = subprocess.run(cmd, check=True, capture_output=True, text=True).stdout
         return json.loads(out).get("benchmarks", [])
-    except (subprocess.CalledProcessError, json.JSONDecodeError) as e:
-        print(f"{' '.join(cmd)}: failed ({e})", file=sys.stderr)
-        return None
+    except subprocess.CalledProcessError as e:
+        print(f"{' '.join(cmd)}: failed ({e})\n{e.stderr}", file=sys.stderr)
+    except json.JSONDecodeError as e:
+        print(f"{' '.join(cmd)}: unreadable output ({e}):\n{out[:400]}", file=sys.stderr)
+    return None
 
 
 def fmt_time(value, unit):
