@@ -1,6 +1,10 @@
 // Two-layer file locking: the file's process mutex, then an fcntl write lock
 // on a byte range (length 0 = to the end of the file, so (0, 0) is the
 // whole file).  Release is in the reverse order.
+//
+// The descriptor is read only once the mutex is held, and everything that
+// closes a descriptor or changes a mapping holds the mutex, so a thread that
+// holds it sees a stable file.
 #pragma once
 
 #include <sys/types.h>
@@ -10,18 +14,28 @@ namespace cm::storage {
 // 0 when both locks are held, -1 on failure.  A blocked request is retried
 // with a random 100..199.999 ms back-off for as long as it takes (EINTR,
 // EDEADLK, ENOLCK).  On any other fcntl error the mutex stays held: the
-// caller's unlockFile() releases it.
+// caller's unlockFile() releases it.  A file with no descriptor gives -1 and
+// leaves the mutex free.
 int lockFile(int iFileIndex, off_t start, off_t length);
 
-// 0, or -1 when the file has no descriptor (the mutex is then untouched).
+// Releases the range and the mutex.  -1 when the file has no descriptor
+// (any more): the mutex, when this thread holds it, is released all the same.
 int unlockFile(int iFileIndex, off_t start, off_t length);
+
+// The two halves of lockFile, for callers that must look at the per-file
+// state under the mutex before they know the range.  lockMutex returns 0
+// with the mutex held and the file open, or -1 (nothing held, nothing
+// logged) when the file has no descriptor.
+int lockMutex(int iFileIndex, const char* fn);
+void unlockMutex(int iFileIndex, const char* fn);
+int lockRange(int iFileIndex, off_t start, off_t length, const char* fn);
 
 // For a thread that holds a range lock taken by lockFile: releases the fcntl
 // lock of the first range and takes one on the second, keeping the file's
 // mutex throughout, so that no other thread of this process gets in between
 // (other processes may).  The fcntl calls, retries and messages are those of
 // unlockFile and lockFile; the pair ends with unlockFile on the second range.
-// -1 when the file has no descriptor (the mutex is then still held).
+// -1 when the file has no descriptor any more (the mutex is still held).
 int moveLock(int iFileIndex, off_t fromStart, off_t fromLength, off_t toStart, off_t toLength);
 
 // Holds a range lock for a scope.
@@ -38,20 +52,6 @@ public:
 private:
     int file_;
     off_t start_, length_;
-};
-
-// Holds only the file's process mutex for a scope: this process's mapping
-// and private copy stay in place, other processes are not held up, and no
-// system call is made unless another thread of the process holds it.
-class ProcessMutex {
-public:
-    explicit ProcessMutex(int iFileIndex);
-    ~ProcessMutex();
-    ProcessMutex(const ProcessMutex&) = delete;
-    ProcessMutex& operator=(const ProcessMutex&) = delete;
-
-private:
-    int file_;
 };
 
 }  // namespace cm::storage

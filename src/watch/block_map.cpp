@@ -6,6 +6,7 @@
 
 #include "catalogue/catalogue.h"
 #include "storage/file_state.h"
+#include "storage/map_guard.h"
 
 namespace cm::watch {
 namespace {
@@ -48,16 +49,23 @@ const Layout& layout() {
 
 }  // namespace
 
-std::span<const uint32_t> differingBlocks(const uint8_t* a, const uint8_t* b, uint32_t len) {
+bool differingBlocks(const uint8_t* mapped, const uint8_t* copy, uint32_t len, std::span<const uint32_t>& out) {
+    // An unchanged file is the common case: one comparison settles it.
+    int whole = 0;
+    if (!storage::guardedCompare(mapped, copy, len, whole)) return false;
+    out = {};
+    if (whole == 0) return true;
     thread_local std::vector<uint32_t> scratch;
     const size_t blocks = len / kBlockSize + 1;
     if (scratch.size() < blocks) scratch.resize(std::max(blocks, layout().maxBlocks));
     size_t n = 0;
     for (uint32_t start = 0, blk = 0; start < len; start += kBlockSize, ++blk) {
-        const uint32_t size = std::min(kBlockSize, len - start);
-        if (std::memcmp(a + start, b + start, size) != 0) scratch[n++] = blk;
+        int diff = 0;
+        if (!storage::guardedCompare(mapped + start, copy + start, std::min(kBlockSize, len - start), diff)) return false;
+        if (diff != 0) scratch[n++] = blk;
     }
-    return {scratch.data(), n};
+    out = {scratch.data(), n};
+    return true;
 }
 
 int firstRecordOfBlock(int i, uint32_t block) {

@@ -12,9 +12,11 @@ namespace cm::watch {
 
 inline constexpr uint32_t kBlockSize = 512;
 
-// The indexes of the blocks of [0, len) in which a and b differ, ascending.
-// The span lives in the calling thread's scratch space until its next call.
-std::span<const uint32_t> differingBlocks(const uint8_t* a, const uint8_t* b, uint32_t len);
+// Sets `out` to the indexes of the blocks of [0, len) in which the mapping
+// `mapped` and the copy `copy` differ, ascending; the span lives in the
+// calling thread's scratch space until its next call.  False when the file
+// was cut under the mapping (nothing else is then defined).
+bool differingBlocks(const uint8_t* mapped, const uint8_t* copy, uint32_t len, std::span<const uint32_t>& out);
 
 // The first record of file i whose bytes reach into block `block`; the
 // file's record count when none does.

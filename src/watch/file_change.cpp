@@ -3,8 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <span>
 
@@ -18,6 +18,7 @@
 #include "storage/byte_order.h"
 #include "storage/file_state.h"
 #include "storage/lock.h"
+#include "storage/map_guard.h"
 #include "storage/open_map.h"
 #include "watch/block_map.h"
 
@@ -36,13 +37,23 @@ void reprocess(int i) {
     actionChangesToAllNewItems(i);
 }
 
+// A file that got shorter than its mapping is remapped (or unmapped) at
+// once, under its lock: touching a mapped page past the end of the file
+// raises SIGBUS, and whatever is decided next (wait for growth, ignore the
+// length) must not leave such pages mapped.
+void shrinkMapping(int i, unsigned long size) {
+    FileLock whole(i, 0, 0);
+    if (fdRead[i] < 0 || size >= dwLenMappedFile[i]) return;
+    remapFile(i, static_cast<uint32_t>(size));
+}
+
 // The master waits up to 5 s for a short file to reach its length (a
 // writer may be rebuilding it), then reprocesses it either way.
 void growthWait(int i, off_t size) {
     const unsigned long correct = dwLenCorrectFile[i];
     CM_LOG_TAGGED(log::kWarn, "CM_ReadThread, PID=%d. CM data file [%d] '%s' length %lu too short (expected %lu), waiting for growth\n",
                   getpid(), i, pathOf(i), static_cast<unsigned long>(size), correct);
-    for (int n = 0; n < kGrowthChecks && static_cast<unsigned long>(size) < correct; ++n) {
+    for (int n = 0; n < kGrowthChecks && static_cast<unsigned long>(size) < correct && !process::killRequested(); ++n) {
         platform::sleepMs(100);
         struct stat st{};
         if (fstat(fdRead[i], &st) != 0) {
@@ -63,31 +74,92 @@ void growthWait(int i, off_t size) {
 
 // Makes the private copy when there is none yet.  False when none could be made.
 bool ensurePrevData(int i) {
+    constexpr const char* fn = "CM_InitialisePrevDataWithLock";
     if (pPrevData[i] != nullptr) return true;
     if (!mapped(i)) {
-        CM_LOG(log::kErr, "CM_InitialisePrevDataWithLock",
-               "dwLenMappedFile[%d] or pMappedFile[] is zero, cannot alloc block for data - skipping...\n", i);
+        CM_LOG(log::kErr, fn, "dwLenMappedFile[%d] or pMappedFile[] is zero, cannot alloc block for data - skipping...\n", i);
     } else {
-        CM_LOG(log::kDebug, "CM_InitialisePrevDataWithLock", "pPrevData[%d] zero so mallocing it...\n", i);
+        CM_LOG(log::kDebug, fn, "pPrevData[%d] zero so mallocing it...\n", i);
         FileLock whole(i, 0, 0);
-        initialisePrevData(i);
+        initialisePrevData(i, fn, false);
     }
     if (pPrevData[i] != nullptr) return true;
     CM_LOG(log::kErr, "CM_ActionFileChange", "Initialise oPrevData[%d] failed - quitting\n", i);
     return false;
 }
 
+// Walks, with the whole-file lock held, the records that reach into the
+// given blocks of a file (those that differed when it was compared without
+// the lock) in the blocks that still differ.  Appends the relative IDs of
+// changed records to `changed` (ascending) and tells whether a record is
+// damaged.  The copy then follows the mapping over those blocks and over
+// every record walked, and nowhere else: a block not walked may have changed
+// since it was compared, and that change must still look like one to the
+// next pass, which its event brings.  False when the file was cut under the
+// mapping (the pass is then abandoned: the length change brings its own
+// event).
+bool diffBlocks(int i, uint32_t len, std::span<const uint32_t> blocks, int* changed, int& nChanged, bool& repair) {
+    constexpr const char* fn = "CM_ActionFileChange";
+    const auto& file = catalogue::sConfigItemList[i];
+    const uint8_t* map = pMappedFile[i];
+    uint8_t* prev = pPrevData[i];
+    int r = 0;
+    for (const uint32_t b : blocks) {
+        const uint32_t start = b * kBlockSize;
+        if (start >= len) break;
+        const uint32_t end = std::min(len, start + kBlockSize);
+        int diff = 0;
+        if (!guardedCompare(map + start, prev + start, end - start, diff)) return false;
+        if (diff == 0) continue;
+        for (r = std::max(r, firstRecordOfBlock(i, b)); r < file.iNumItems && layoutOffset(i, r) < end; ++r) {
+            const auto& e = file.pItems[r];
+            const uint32_t off = e.recordOffset();
+            if (off == catalogue::kNoRecord || off < kHeaderSize || off + kRecordHeader + e.wDataSize > len) continue;
+            uint8_t header[kRecordHeader];
+            if (!guardedCopy(header, map + off, sizeof header)) return false;
+            const unsigned rel = loadBe16(header);
+            const unsigned storedLen = loadBe16(header + 2);
+            if (rel != static_cast<unsigned>(r)) {
+                CM_LOG(log::kErr, fn, "CM data file [%d] '%s' record at offset %lu  has wrong relative ID=%u (expected %d)\n",
+                       i, pathOf(i), static_cast<unsigned long>(off), rel, r);
+                repair |= process::isMaster();
+            } else if (storedLen != e.wDataSize) {
+                CM_LOG(log::kErr, fn, "CM data file [%d] '%s' record at offset %lu with ID=%d has wrong length=%u (expected %zu)\n",
+                       i, pathOf(i), static_cast<unsigned long>(off), r, storedLen, static_cast<size_t>(e.wDataSize));
+                repair |= process::isMaster();
+            } else if (!guardedCompare(map + off + kRecordHeader, prev + off + kRecordHeader, e.wDataSize, diff)) {
+                return false;
+            } else if (diff != 0) {
+                CM_LOG_TAGGED(log::kInfo, "CM_ActionFileChange: Var %d (relative %d) in file '%s' - has changed\n",
+                              file.iFirstVarID + r, r, pathOf(i));
+                changed[nChanged++] = r;
+            }
+            // The record's bytes beyond this block follow too, so that its
+            // change is not seen a second time there.
+            if (!guardedCopy(prev + off, map + off, kRecordHeader + e.wDataSize)) return false;
+        }
+        if (!guardedCopy(prev + start, map + start, end - start)) return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 void handleDeletedFile(int i) {
+    constexpr const char* fn = "CM_ReadThread";
     CM_LOG_TAGGED(log::kNotice, "CM_ReadThread, PID=%d. CM data file [%d] '%s' has been deleted - Restart CM mechanism for it\n",
                   getpid(), i, pathOf(i));
+    // Mapping and descriptor go under the file's mutex, so that a reader of
+    // this process is never left inside the mapping or between its lock and
+    // unlock calls.  Without a descriptor there is nothing to guard.
+    const bool locked = lockMutex(i, fn) == 0;
     unmapFile(i);
     if (inotifywd[i] >= 0) removeInotifyWatch(i);
-    if (fdRead[i] >= 0) close(fdRead[i]);
+    const int fd = fdRead[i].exchange(-1);
+    if (fd >= 0) close(fd);
     bBadFile[i] = 0;
-    fdRead[i] = -1;
     dwLenActualFile[i] = 0;
+    if (locked) unlockMutex(i, fn);
     setUpConfigFile(i);
     actionChangesToAllNewItems(i);
 }
@@ -116,6 +188,7 @@ void handleModifiedFile(int i) {
     if (dwLenCorrectFile[i] == 0) dwLenCorrectFile[i] = correctLength(i);
     const unsigned long correct = dwLenCorrectFile[i];
     const unsigned long before = dwLenActualFile[i];
+    shrinkMapping(i, size);
     if (master) {
         CM_LOG_TAGGED(log::kNotice, "CM_ReadThread, PID=%d. CM data file [%d] '%s' length changed from %lu to %lu (expected %lu)\n",
                       getpid(), i, pathOf(i), before, size, correct);
@@ -138,18 +211,19 @@ void actionFileChange(int i) {
     const auto& file = catalogue::sConfigItemList[i];
     const int32_t first = file.iFirstVarID;
 
-    // A first look without the fcntl lock, so that an unchanged file holds
-    // up no other process.  A write in progress can only make a block look
-    // different (it is looked at again under the lock); a write that lands
-    // after its block was compared raises an event of its own, which the
-    // next pass sees.
+    // A first look without the fcntl lock, holding only this process's
+    // mutex of the file (its mapping and copy stay in place), so that an
+    // unchanged file holds up no other process.  A write in progress can
+    // only make a block look different (it is looked at again under the
+    // lock); a write that lands after its block was compared raises an event
+    // of its own, which the next pass sees.
     std::span<const uint32_t> blocks;
-    {
-        ProcessMutex m(i);
-        if (mapped(i) && pPrevData[i] != nullptr)
-            blocks = differingBlocks(pMappedFile[i], pPrevData[i], dwLenMappedFile[i]);
-    }
-    if (blocks.empty()) return;
+    if (lockMutex(i, fn) != 0) return;
+    const uint32_t seen = std::min<uint32_t>(dwLenMappedFile[i], dwLenPrevData[i]);
+    const bool intact = pMappedFile[i] == nullptr || pPrevData[i] == nullptr || seen == 0 ||
+                        differingBlocks(pMappedFile[i], pPrevData[i], seen, blocks);
+    unlockMutex(i, fn);
+    if (!intact || blocks.empty()) return;
 
     // Relative IDs of the changed records, ascending; this thread alone uses them.
     static int changed[catalogue::kNumVarIds];
@@ -157,39 +231,11 @@ void actionFileChange(int i) {
     bool repair = false;
     {
         FileLock whole(i, 0, 0);
-        const uint8_t* map = pPrevData[i] != nullptr ? pMappedFile[i] : nullptr;
-        uint8_t* prev = pPrevData[i];
-        const uint32_t len = mapped(i) ? dwLenMappedFile[i] : 0;
-        int r = 0;
-        for (const uint32_t b : blocks) {
-            const uint32_t start = b * kBlockSize;
-            if (map == nullptr || start >= len) break;
-            const uint32_t end = std::min(len, start + kBlockSize);
-            if (std::memcmp(map + start, prev + start, end - start) == 0) continue;
-            // Only the records that reach into this block; each is walked once.
-            for (r = std::max(r, firstRecordOfBlock(i, b)); r < file.iNumItems && layoutOffset(i, r) < end; ++r) {
-                const auto& e = file.pItems[r];
-                const uint32_t off = e.recordOffset();
-                if (off == catalogue::kNoRecord || off < kHeaderSize || off + kRecordHeader + e.wDataSize > len) continue;
-                const unsigned rel = loadBe16(map + off);
-                const unsigned storedLen = loadBe16(map + off + 2);
-                if (rel != static_cast<unsigned>(r)) {
-                    CM_LOG(log::kErr, fn, "CM data file [%d] '%s' record at offset %lu  has wrong relative ID=%u (expected %d)\n",
-                           i, pathOf(i), static_cast<unsigned long>(off), rel, r);
-                    repair |= process::isMaster();
-                } else if (storedLen != e.wDataSize) {
-                    CM_LOG(log::kErr, fn, "CM data file [%d] '%s' record at offset %lu with ID=%d has wrong length=%u (expected %zu)\n",
-                           i, pathOf(i), static_cast<unsigned long>(off), r, storedLen, static_cast<size_t>(e.wDataSize));
-                    repair |= process::isMaster();
-                } else if (std::memcmp(map + off + kRecordHeader, prev + off + kRecordHeader, e.wDataSize) != 0) {
-                    CM_LOG_TAGGED(log::kInfo, "CM_ActionFileChange: Var %d (relative %d) in file '%s' - has changed\n",
-                                  first + r, r, pathOf(i));
-                    std::memcpy(prev + off + kRecordHeader, map + off + kRecordHeader, e.wDataSize);
-                    changed[nChanged++] = r;
-                }
-            }
-        }
-        if (repair) repairFromDefaults(i, true, fn);
+        if (fdRead[i] < 0 || pPrevData[i] == nullptr || pMappedFile[i] == nullptr) return;
+        // Only bytes both the mapping and the copy hold are compared.
+        const uint32_t len = std::min<uint32_t>(dwLenMappedFile[i], dwLenPrevData[i]);
+        if (!diffBlocks(i, len, blocks, changed, nChanged, repair)) return;
+        if (repair) repairFromDefaults(i, true, fn, false);
     }
     // Callbacks run only after the file lock is released, in ID order.
     if (repair) {

@@ -1,15 +1,16 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <mutex>
 
 #include "inotify/event_parse.h"
+#include "inotify/inotify_watch.h"
 #include "log/log.h"
 #include "platform/env.h"
 #include "platform/paths.h"
@@ -27,18 +28,47 @@ constexpr int kLockFileChecks = 100;
 
 using storage::kNumFiles;
 
-// The thread's own descriptor of the inotify instance (shutdown closes the
-// shared one, and its number may be reused at once).  Guarded by g_fdMutex,
-// so that a wake-up never uses a descriptor the thread has closed.
-std::mutex g_fdMutex;
-int g_threadFd = -1;
-pthread_t g_thread;
-std::atomic<bool> g_threadJoinable{false};
+// The running thread and its own descriptor of the inotify instance
+// (shutdown closes the shared one, and its number may be reused at once).
+// The descriptor belongs to this state, not to the thread: a wake-up uses
+// it, so it is closed only once its thread has been joined, and each start
+// makes a new one, so that a thread never reads a wake-up meant for
+// another.  g_stateMutex guards the fields; g_joinMutex lets one thread at a
+// time join.
+struct ThreadState {
+    pthread_t handle{};
+    bool joinable = false;
+    int events = -1;
+};
+ThreadState g_state;
+pthread_mutex_t g_stateMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t g_joinMutex = PTHREAD_MUTEX_INITIALIZER;
 
-// Blocks for one buffer of events: a plain read, so that a pass costs no
-// extra system call.  wakeWatchThread() ends the wait with an event of its
-// own.  Returns the byte count, or -1 with errno set.
-ssize_t readEvents(int fd, uint8_t* buf) {
+// How long a stop waits for a busy thread (a long callback, say) to end
+// before it releases the files anyway, under their locks.
+constexpr int kStopWaitSeconds = 10;
+
+int eventsFd() {
+    pthread_mutex_lock(&g_stateMutex);
+    const int fd = g_state.events;
+    pthread_mutex_unlock(&g_stateMutex);
+    return fd;
+}
+
+void closeEventsFd() {
+    if (g_state.events >= 0) close(g_state.events);
+    g_state.events = -1;
+}
+
+// Reads one buffer of events: a plain blocking read, so that a pass costs
+// no extra system call (wakeWatchThread() ends the wait with an event of its
+// own).  With `queuedOnly`, takes only events already queued, if any.
+// Returns the byte count, 0 when nothing was queued, or -1 with errno set.
+ssize_t readEvents(int fd, uint8_t* buf, bool queuedOnly) {
+    if (queuedOnly) {
+        int queued = 0;
+        if (ioctl(fd, FIONREAD, &queued) != 0 || queued <= 0) return 0;
+    }
     for (;;) {
         const ssize_t got = read(fd, buf, inotify::kEventBufferSize);
         if (got < 0 && errno == EINTR && !process::killRequested()) continue;
@@ -66,7 +96,12 @@ void waitForDefaultsLock() {
 void runPass(int fd) {
     static uint8_t buffer[inotify::kEventBufferSize];
     inotify::PassFlags flags{};
-    const ssize_t got = readEvents(fd, buffer);
+    // Files that set-up found deleted again before their watch was in place
+    // are handled as deleted; the pass then only takes events already queued.
+    bool recheck = false;
+    for (int i = 0; i < kNumFiles; ++i)
+        if (inotify::takeRecheck(i)) flags.deleted[i] = recheck = true;
+    const ssize_t got = readEvents(fd, buffer, recheck);
     if (got < 0) {
         if (process::killRequested()) return;
         const int e = errno;
@@ -90,40 +125,64 @@ void runPass(int fd) {
 
 void* readThread(void*) {
     CM_LOG_TAGGED(293, "Started pthread PID=%d:%d running ConfigManager CM_ReadThread()\n", getpid(), platform::tid());
-    int fd;
-    {
-        std::lock_guard<std::mutex> g(g_fdMutex);
-        fd = g_threadFd;
-    }
+    const int fd = eventsFd();
     while (fd >= 0 && !process::killRequested()) runPass(fd);
-    {
-        std::lock_guard<std::mutex> g(g_fdMutex);
-        if (g_threadFd >= 0) close(g_threadFd);
-        g_threadFd = -1;
-    }
     process::s_bKillCM = 0;
     storage::releaseResources();
     CM_LOG_TAGGED(5, "CM thread terminated\n");
     return nullptr;
 }
 
-void waitForStaleWatchThread() {
-    if (g_threadJoinable.exchange(false) && !pthread_equal(g_thread, pthread_self())) {
-        wakeWatchThread();
-        pthread_join(g_thread, nullptr);
-    }
+bool onWatchThread() {
+    pthread_mutex_lock(&g_stateMutex);
+    const bool self = g_state.joinable && pthread_equal(g_state.handle, pthread_self());
+    pthread_mutex_unlock(&g_stateMutex);
+    return self;
 }
 
-int startWatchThread() {
-    {
-        // dup() rather than F_DUPFD_CLOEXEC: user-mode emulators of other
-        // byte orders convert inotify events only on descriptors copied so.
-        std::lock_guard<std::mutex> g(g_fdMutex);
-        g_threadFd = dup(process::inotifyfd.load());
-        if (g_threadFd >= 0) fcntl(g_threadFd, F_SETFD, FD_CLOEXEC);
+bool joinWatchThread(bool bounded) {
+    // The thread itself (a callback that stops the library) cannot wait for
+    // itself: it sees the kill flag when the callback returns.
+    if (onWatchThread()) return false;
+    pthread_mutex_lock(&g_joinMutex);
+    pthread_mutex_lock(&g_stateMutex);
+    const bool joinable = g_state.joinable;
+    const pthread_t handle = g_state.handle;
+    pthread_mutex_unlock(&g_stateMutex);
+    bool joined = !joinable;
+    if (joinable) {
+        wakeWatchThread();
+        if (bounded) {
+            timespec until{};
+            clock_gettime(CLOCK_REALTIME, &until);
+            until.tv_sec += kStopWaitSeconds;
+            joined = pthread_timedjoin_np(handle, nullptr, &until) == 0;
+        } else {
+            joined = pthread_join(handle, nullptr) == 0;
+        }
+        if (joined) {
+            pthread_mutex_lock(&g_stateMutex);
+            g_state.joinable = false;
+            closeEventsFd();
+            pthread_mutex_unlock(&g_stateMutex);
+        }
     }
-    const int rc = pthread_create(&g_thread, nullptr, readThread, nullptr);
-    if (rc == 0) g_threadJoinable = true;
+    pthread_mutex_unlock(&g_joinMutex);
+    return joined;
+}
+
+void waitForStaleWatchThread() { joinWatchThread(false); }
+
+int startWatchThread() {
+    pthread_mutex_lock(&g_stateMutex);
+    closeEventsFd();
+    // dup() rather than F_DUPFD_CLOEXEC: user-mode emulators of other byte
+    // orders convert inotify events only on descriptors copied this way.
+    g_state.events = dup(process::inotifyfd.load());
+    if (g_state.events >= 0) fcntl(g_state.events, F_SETFD, FD_CLOEXEC);
+    const int rc = pthread_create(&g_state.handle, nullptr, readThread, nullptr);
+    g_state.joinable = rc == 0;
+    pthread_mutex_unlock(&g_stateMutex);
     return rc;
 }
 
@@ -133,11 +192,23 @@ void wakeWatchThread() {
     // kill flag before it looks at the event.  The watch goes on a directory
     // (the root of the device tree, else "/"), never on a data file, so it
     // cannot be one of the files' own watches.
-    std::lock_guard<std::mutex> g(g_fdMutex);
-    if (g_threadFd < 0) return;
-    int wd = inotify_add_watch(g_threadFd, paths::root(), IN_DELETE_SELF | IN_ONLYDIR);
-    if (wd < 0) wd = inotify_add_watch(g_threadFd, "/", IN_DELETE_SELF | IN_ONLYDIR);
-    if (wd >= 0) inotify_rm_watch(g_threadFd, wd);
+    pthread_mutex_lock(&g_stateMutex);
+    if (g_state.events >= 0) {
+        int wd = inotify_add_watch(g_state.events, paths::root(), IN_DELETE_SELF | IN_ONLYDIR);
+        if (wd < 0) wd = inotify_add_watch(g_state.events, "/", IN_DELETE_SELF | IN_ONLYDIR);
+        if (wd >= 0) inotify_rm_watch(g_state.events, wd);
+    }
+    pthread_mutex_unlock(&g_stateMutex);
+}
+
+void forgetThreadAfterFork() {
+    // Only the forking thread lives on in the child: the parent's watch
+    // thread, its descriptor and any lock another thread held are not the
+    // child's.
+    pthread_mutex_init(&g_stateMutex, nullptr);
+    pthread_mutex_init(&g_joinMutex, nullptr);
+    g_state.joinable = false;
+    closeEventsFd();
 }
 
 }  // namespace cm::watch
