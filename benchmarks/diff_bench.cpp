@@ -50,14 +50,14 @@ void BM_DiffUnchangedFile(benchmark::State& state) {
 }
 BENCHMARK(BM_DiffUnchangedFile);
 
-void BM_DiffRecordByRecord(benchmark::State& state) {
+void BM_DiffOneBlockDiffers(benchmark::State& state) {
     ctFile();
     cm::storage::pPrevData[kCt][2] ^= 0xFF;
     for (auto _ : state) cm::watch::actionFileChange(kCt);
     cm::storage::pPrevData[kCt][2] ^= 0xFF;
     state.SetBytesProcessed(state.iterations() * cm::storage::dwLenMappedFile[kCt]);
 }
-BENCHMARK(BM_DiffRecordByRecord);
+BENCHMARK(BM_DiffOneBlockDiffers);
 
 }  // namespace
 

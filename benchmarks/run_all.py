@@ -47,7 +47,7 @@ def main():
                 jobs.append([path, "--benchmark_format=json"] + extra)
     for name in sorted(os.listdir(here)):
         if name.endswith(".sh"):
-            jobs.append(["bash", os.path.join(here, name), build] + extra)
+            jobs.append(["bash", os.path.join(here, name), build, "--benchmark_format=json"] + extra)
     if not jobs:
         sys.exit(f"no benchmarks under {bench_dir}: build first (make build)")
 
