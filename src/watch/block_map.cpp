@@ -58,11 +58,20 @@ bool differingBlocks(const uint8_t* mapped, const uint8_t* copy, uint32_t len, s
     thread_local std::vector<uint32_t> scratch;
     const size_t blocks = len / kBlockSize + 1;
     if (scratch.size() < blocks) scratch.resize(std::max(blocks, layout().maxBlocks));
+    // Each guarded comparison costs a jump-buffer set-up: spans of 16
+    // blocks are compared first, and only a span that differs block by block.
+    constexpr uint32_t kSpan = 16 * kBlockSize;
     size_t n = 0;
-    for (uint32_t start = 0, blk = 0; start < len; start += kBlockSize, ++blk) {
+    for (uint32_t span = 0; span < len; span += kSpan) {
+        const uint32_t spanEnd = std::min(len, span + kSpan);
         int diff = 0;
-        if (!storage::guardedCompare(mapped + start, copy + start, std::min(kBlockSize, len - start), diff)) return false;
-        if (diff != 0) scratch[n++] = blk;
+        if (!storage::guardedCompare(mapped + span, copy + span, spanEnd - span, diff)) return false;
+        if (diff == 0) continue;
+        for (uint32_t start = span; start < spanEnd; start += kBlockSize) {
+            if (!storage::guardedCompare(mapped + start, copy + start, std::min(kBlockSize, spanEnd - start), diff))
+                return false;
+            if (diff != 0) scratch[n++] = start / kBlockSize;
+        }
     }
     out = {scratch.data(), n};
     return true;
