@@ -118,3 +118,10 @@ sweep: build
 
 clean:
 	rm -rf $(BUILD) $(BUILD_BE) $(BUILD_ASAN) $(BUILD_TSAN)
+
+# Benchmarks: every program built from benchmarks/ and every benchmarks/*.sh
+# script, printed as one table (figures against the floor measured in the
+# same run).  CM_BENCH_ROUNDS=N sets the rounds of the multi-process ones.
+.PHONY: bench
+bench: build
+	python3 benchmarks/run_all.py $(BUILD)

@@ -5,12 +5,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <set>
 #include <thread>
 
 #include "catalogue/catalogue.h"
 #include "configmanager/cm_vars.h"
+#include "configmanager/configmanager.h"
 #include "platform/paths.h"
 #include "storage/file_state.h"
 #include "support/agent.h"
@@ -112,6 +114,57 @@ TEST_F(MultiProcess, ConcurrentWritersOfOneFileLoseNothing) {
         EXPECT_EQ(w->call("get " + std::to_string(CMS_LINK_INACTIVITY)), "ok 0 150");
     }
     for (Agent* w : {&master, &a, &b}) EXPECT_EQ(w->finish(), 0);
+}
+
+// Two far-apart variables of the largest file, a DWORD and a WORD.
+constexpr int32_t kFarA = 1165, kFarB = 3072;
+std::atomic<uint32_t> g_seenA{0}, g_seenB{0};
+
+int recordSeen(int32_t id) {
+    if (id == kFarA) {
+        uint32_t v = 0;
+        CM_GetDataItem(id, &v);
+        g_seenA = v;
+    } else {
+        uint16_t v = 0;
+        CM_GetDataItem(id, &v);
+        g_seenB = v;
+    }
+    return 0;
+}
+
+// A pass first compares without the file lock and then walks only the
+// blocks that differed.  Changes that land in between, or while the pass
+// walks, must still reach this process: its last callback for each variable
+// sees the last value written.  And a write that returns is visible to the
+// writing process's next read, whatever its watch thread is doing.
+TEST_F(MultiProcess, ChangesRacingAPassAreAllNotifiedAndOwnWritesReadBack) {
+    Agent master, writer;
+    ASSERT_EQ(master.call("init 1"), "ok 0");
+    ASSERT_EQ(writer.call("init 0"), "ok 0");
+    ASSERT_EQ(CM_init(0), 0);
+    g_seenA = g_seenB = 0;
+    ASSERT_EQ(CM_Register_Interest(kFarA, recordSeen), 0);
+    ASSERT_EQ(CM_Register_Interest(kFarB, recordSeen), 0);
+
+    std::string replyA, replyB;
+    std::thread ta([&] { replyA = writer.call("putseq " + std::to_string(kFarA) + " 1 400", std::chrono::seconds(60)); });
+    std::thread tb([&] { replyB = master.call("putseq " + std::to_string(kFarB) + " 1 300", std::chrono::seconds(60)); });
+    for (int v = 1; v <= 200; ++v) {
+        const uint8_t value = static_cast<uint8_t>(v);
+        uint8_t back = 0;
+        ASSERT_EQ(CM_PutDataItem(CMS_CONNECT_TIMEOUT, &value), 1);
+        ASSERT_EQ(CM_GetDataItem(CMS_CONNECT_TIMEOUT, &back), 0);
+        ASSERT_EQ(back, value);
+    }
+    ta.join();
+    tb.join();
+    EXPECT_EQ(replyA, "ok 0");
+    EXPECT_EQ(replyB, "ok 0");
+    EXPECT_TRUE(cmtest::waitFor([] { return g_seenA == 400 && g_seenB == 300; }))
+        << "last seen " << g_seenA << " and " << g_seenB;
+    EXPECT_EQ(master.finish(), 0);
+    EXPECT_EQ(writer.finish(), 0);
 }
 
 TEST_F(MultiProcess, DeletedFileIsRecreatedByTheMasterAndNotifiedEverywhere) {

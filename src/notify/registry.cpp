@@ -22,6 +22,9 @@ struct Node {
 
 // One list head per absolute ID; guarded by mCMcallback.
 Node* NotifyList[catalogue::kNumVarIds];
+// False while every head is null, so that a start in a fresh process need not
+// write (and fault in) the whole array; guarded by mCMcallback.
+bool g_anyHead = false;
 
 void* asPtr(CM_NotifyCallback f) {
     void* p;
@@ -92,6 +95,7 @@ int registerInterest(int32_t id, CM_NotifyCallback pfnCallback) {
     }
     *node = {pfnCallback, nullptr};
     *link = node;
+    g_anyHead = true;
     pthread_mutex_unlock(&process::mCMcallback);
     return CM_OK;
 }
@@ -142,7 +146,9 @@ int notifyRange(int32_t iFirst, int32_t iLast) {
 }
 
 void clearRegistry() {
+    if (!g_anyHead) return;
     for (Node*& head : NotifyList) head = nullptr;
+    g_anyHead = false;
 }
 
 }  // namespace cm::notify

@@ -238,6 +238,21 @@ int updateCRC(int i) { return updateCrc(i, "CM_UpdateCRC", false); }
 
 int updateCRCWithLock(int i) { return updateCrc(i, "CM_UpdateCRCwithLock", true); }
 
+int updateCRCAfterRecordWrite(int i, off_t recordStart, off_t recordLength) {
+    constexpr const char* fn = "CM_UpdateCRCwithLock";
+    if (!checkIndex(i, fn)) return -1;
+    if (fdRead[i] < 0) {
+        unlockFile(i, recordStart, recordLength);
+        CM_LOG(log::kErr, fn, "File descriptor for file no. '%s' invalid - quit \n", pathOf(i));
+        return -1;
+    }
+    CM_LOG(log::kDebug, fn, "ID=%d:%d called for file %s\n", getpid(), platform::tid(), pathOf(i));
+    moveLock(i, recordStart, recordLength, 0, 0);
+    const int rc = detail::writeCrcWord(i, fn);
+    unlockFile(i, 0, 0);
+    return rc;
+}
+
 int writeDefaultData(int i, bool bLock, bool bInitPrevData) {
     constexpr const char* fn = "CM_WriteDefaultData";
     if (!checkOpen(i, fn)) return -1;

@@ -2,6 +2,8 @@
 // and the record's form, and rewriting files or records from defaults.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 
 namespace cm::storage {
@@ -22,5 +24,11 @@ int writeDefaultDataItems(int iFileIndex, uint32_t level);
 int updateCRC(int iFileIndex);
 // The same under a whole-file lock, after a locked record write.
 int updateCRCWithLock(int iFileIndex);
+// The same, for a record writer that still holds the record's lock: the
+// record's fcntl lock is released and the whole-file one taken without
+// letting go of the file's mutex, so that the process's own watch thread
+// never holds up a write between its record and its check word.  Returns
+// with both locks released.
+int updateCRCAfterRecordWrite(int iFileIndex, off_t recordStart, off_t recordLength);
 
 }  // namespace cm::storage

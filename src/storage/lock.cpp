@@ -104,6 +104,19 @@ int lockFile(int i, off_t start, off_t length) {
     return lockRange(i, start, length, fn);
 }
 
+int moveLock(int i, off_t fromStart, off_t fromLength, off_t toStart, off_t toLength) {
+    constexpr const char* fn = "CM_UnLockFile";
+    if (!checkIndex(i, fn)) return -1;
+    const int fd = fdRead[i];
+    if (fd < 0) {
+        logNoDescriptor(i, fn);
+        return -1;
+    }
+    if (setLock(fd, F_UNLCK, F_SETLK, fromStart, fromLength) != 0)
+        CM_LOG(log::kErr, fn, "fcntl failed: iFileIndex=%d, fdRead[iFileIndex]=%d, error=%m", i, fd);
+    return lockRange(i, toStart, toLength, "CM_LockFile");
+}
+
 int unlockFile(int i, off_t start, off_t length) {
     constexpr const char* fn = "CM_UnLockFile";
     if (!checkIndex(i, fn)) return -1;

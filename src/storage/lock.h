@@ -30,6 +30,14 @@ int lockMutex(int iFileIndex, const char* fn);
 void unlockMutex(int iFileIndex, const char* fn);
 int lockRange(int iFileIndex, off_t start, off_t length, const char* fn);
 
+// For a thread that holds a range lock taken by lockFile: releases the fcntl
+// lock of the first range and takes one on the second, keeping the file's
+// mutex throughout, so that no other thread of this process gets in between
+// (other processes may).  The fcntl calls, retries and messages are those of
+// unlockFile and lockFile; the pair ends with unlockFile on the second range.
+// -1 when the file has no descriptor any more (the mutex is still held).
+int moveLock(int iFileIndex, off_t fromStart, off_t fromLength, off_t toStart, off_t toLength);
+
 // Holds a range lock for a scope.
 class FileLock {
 public:

@@ -186,10 +186,10 @@ int detail::writeRecord(int i, int rel, const void* value, bool bLock, bool& wri
                           "abs ID=%d (rel ID=%d) : %m\n",
                           getpid(), i, pathOf(i), absoluteId(i, rel), rel);
     }
-    if (bLock) {
+    if (bLock && written)
+        updateCRCAfterRecordWrite(i, offset, size);
+    else if (bLock)
         unlockRecord(i, offset, size);
-        if (written) updateCRCWithLock(i);
-    }
     if (failed) return -1;
     return written ? 1 : 0;
 }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <span>
 
 #include "catalogue/catalogue.h"
 #include "inotify/inotify_watch.h"
@@ -19,6 +20,7 @@
 #include "storage/lock.h"
 #include "storage/map_guard.h"
 #include "storage/open_map.h"
+#include "watch/block_map.h"
 
 namespace cm::watch {
 namespace {
@@ -86,44 +88,59 @@ bool ensurePrevData(int i) {
     return false;
 }
 
-// Compares the records of a file whose mapping differs from its private
-// copy, with the whole-file lock held.  Sets the change flags of changed
-// variables and tells whether a record is damaged.  False when the file was
-// cut under the mapping (the pass is then abandoned: the length change
-// brings its own event).
-bool diffRecords(int i, uint32_t len, bool* changed, bool& anyChange, bool& repair) {
+// Walks, with the whole-file lock held, the records that reach into the
+// given blocks of a file (those that differed when it was compared without
+// the lock) in the blocks that still differ.  Appends the relative IDs of
+// changed records to `changed` (ascending) and tells whether a record is
+// damaged.  The copy then follows the mapping over those blocks and over
+// every record walked, and nowhere else: a block not walked may have changed
+// since it was compared, and that change must still look like one to the
+// next pass, which its event brings.  False when the file was cut under the
+// mapping (the pass is then abandoned: the length change brings its own
+// event).
+bool diffBlocks(int i, uint32_t len, std::span<const uint32_t> blocks, int* changed, int& nChanged, bool& repair) {
     constexpr const char* fn = "CM_ActionFileChange";
     const auto& file = catalogue::sConfigItemList[i];
     const uint8_t* map = pMappedFile[i];
     uint8_t* prev = pPrevData[i];
-    for (int r = 0; r < file.iNumItems; ++r) {
-        const auto& e = file.pItems[r];
-        const uint32_t off = e.recordOffset();
-        if (off == catalogue::kNoRecord || off < kHeaderSize || off + kRecordHeader + e.wDataSize > len) continue;
-        uint8_t header[kRecordHeader];
-        if (!guardedCopy(header, map + off, sizeof header)) return false;
-        const unsigned rel = loadBe16(header);
-        const unsigned storedLen = loadBe16(header + 2);
+    int r = 0;
+    for (const uint32_t b : blocks) {
+        const uint32_t start = b * kBlockSize;
+        if (start >= len) break;
+        const uint32_t end = std::min(len, start + kBlockSize);
         int diff = 0;
-        if (rel != static_cast<unsigned>(r)) {
-            CM_LOG(log::kErr, fn, "CM data file [%d] '%s' record at offset %lu  has wrong relative ID=%u (expected %d)\n",
-                   i, pathOf(i), static_cast<unsigned long>(off), rel, r);
-            repair |= process::isMaster();
-        } else if (storedLen != e.wDataSize) {
-            CM_LOG(log::kErr, fn, "CM data file [%d] '%s' record at offset %lu with ID=%d has wrong length=%u (expected %zu)\n",
-                   i, pathOf(i), static_cast<unsigned long>(off), r, storedLen, static_cast<size_t>(e.wDataSize));
-            repair |= process::isMaster();
-        } else if (!guardedCompare(map + off + kRecordHeader, prev + off + kRecordHeader, e.wDataSize, diff)) {
-            return false;
-        } else if (diff != 0) {
-            CM_LOG_TAGGED(log::kInfo, "CM_ActionFileChange: Var %d (relative %d) in file '%s' - has changed\n",
-                          file.iFirstVarID + r, r, pathOf(i));
-            changed[file.iFirstVarID + r] = anyChange = true;
+        if (!guardedCompare(map + start, prev + start, end - start, diff)) return false;
+        if (diff == 0) continue;
+        for (r = std::max(r, firstRecordOfBlock(i, b)); r < file.iNumItems && layoutOffset(i, r) < end; ++r) {
+            const auto& e = file.pItems[r];
+            const uint32_t off = e.recordOffset();
+            if (off == catalogue::kNoRecord || off < kHeaderSize || off + kRecordHeader + e.wDataSize > len) continue;
+            uint8_t header[kRecordHeader];
+            if (!guardedCopy(header, map + off, sizeof header)) return false;
+            const unsigned rel = loadBe16(header);
+            const unsigned storedLen = loadBe16(header + 2);
+            if (rel != static_cast<unsigned>(r)) {
+                CM_LOG(log::kErr, fn, "CM data file [%d] '%s' record at offset %lu  has wrong relative ID=%u (expected %d)\n",
+                       i, pathOf(i), static_cast<unsigned long>(off), rel, r);
+                repair |= process::isMaster();
+            } else if (storedLen != e.wDataSize) {
+                CM_LOG(log::kErr, fn, "CM data file [%d] '%s' record at offset %lu with ID=%d has wrong length=%u (expected %zu)\n",
+                       i, pathOf(i), static_cast<unsigned long>(off), r, storedLen, static_cast<size_t>(e.wDataSize));
+                repair |= process::isMaster();
+            } else if (!guardedCompare(map + off + kRecordHeader, prev + off + kRecordHeader, e.wDataSize, diff)) {
+                return false;
+            } else if (diff != 0) {
+                CM_LOG_TAGGED(log::kInfo, "CM_ActionFileChange: Var %d (relative %d) in file '%s' - has changed\n",
+                              file.iFirstVarID + r, r, pathOf(i));
+                changed[nChanged++] = r;
+            }
+            // The record's bytes beyond this block follow too, so that its
+            // change is not seen a second time there.
+            if (!guardedCopy(prev + off, map + off, kRecordHeader + e.wDataSize)) return false;
         }
+        if (!guardedCopy(prev + start, map + start, end - start)) return false;
     }
-    // The whole copy, header and damaged records included, follows the
-    // mapping: the next pass's single comparison then holds again.
-    return guardedCopy(prev, map, len);
+    return true;
 }
 
 }  // namespace
@@ -190,34 +207,42 @@ void handleModifiedFile(int i) {
 
 void actionFileChange(int i) {
     constexpr const char* fn = "CM_ActionFileChange";
-    // Change flags by absolute ID; this thread alone uses them.
-    static bool changed[catalogue::kNumVarIds];
     if (!ensurePrevData(i)) return;
     const auto& file = catalogue::sConfigItemList[i];
     const int32_t first = file.iFirstVarID;
-    std::memset(changed + first, 0, static_cast<size_t>(file.iNumItems) * sizeof(bool));
+
+    // A first look without the fcntl lock, holding only this process's
+    // mutex of the file (its mapping and copy stay in place), so that an
+    // unchanged file holds up no other process.  A write in progress can
+    // only make a block look different (it is looked at again under the
+    // lock); a write that lands after its block was compared raises an event
+    // of its own, which the next pass sees.
+    std::span<const uint32_t> blocks;
+    if (lockMutex(i, fn) != 0) return;
+    const uint32_t seen = std::min<uint32_t>(dwLenMappedFile[i], dwLenPrevData[i]);
+    const bool intact = pMappedFile[i] == nullptr || pPrevData[i] == nullptr || seen == 0 ||
+                        differingBlocks(pMappedFile[i], pPrevData[i], seen, blocks);
+    unlockMutex(i, fn);
+    if (!intact || blocks.empty()) return;
+
+    // Relative IDs of the changed records, ascending; this thread alone uses them.
+    static int changed[catalogue::kNumVarIds];
+    int nChanged = 0;
     bool repair = false;
-    bool anyChange = false;
     {
         FileLock whole(i, 0, 0);
-        if (fdRead[i] < 0 || pPrevData[i] == nullptr) return;
-        const uint8_t* map = pMappedFile[i];
+        if (fdRead[i] < 0 || pPrevData[i] == nullptr || pMappedFile[i] == nullptr) return;
         // Only bytes both the mapping and the copy hold are compared.
         const uint32_t len = std::min<uint32_t>(dwLenMappedFile[i], dwLenPrevData[i]);
-        int diff = 0;
-        // An untouched file is the common case: one comparison settles it.
-        if (map == nullptr || len == 0 || !guardedCompare(map, pPrevData[i], len, diff) || diff == 0) return;
-        if (!diffRecords(i, len, changed, anyChange, repair)) return;
-        if (repair) {
-            repairFromDefaults(i, true, fn, false);
-            std::memset(changed + first, 1, static_cast<size_t>(file.iNumItems) * sizeof(bool));
-            anyChange = true;
-        }
+        if (!diffBlocks(i, len, blocks, changed, nChanged, repair)) return;
+        if (repair) repairFromDefaults(i, true, fn, false);
     }
     // Callbacks run only after the file lock is released, in ID order.
-    if (!anyChange) return;
-    for (int r = 0; r < file.iNumItems; ++r)
-        if (changed[first + r]) notify::notify(first + r);
+    if (repair) {
+        for (int rel = 0; rel < file.iNumItems; ++rel) notify::notify(first + rel);
+        return;
+    }
+    for (int n = 0; n < nChanged; ++n) notify::notify(first + changed[n]);
 }
 
 }  // namespace cm::watch

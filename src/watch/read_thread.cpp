@@ -1,7 +1,7 @@
 #include <fcntl.h>
-#include <poll.h>
 #include <pthread.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,15 +28,17 @@ constexpr int kLockFileChecks = 100;
 
 using storage::kNumFiles;
 
-// The running thread and the self-pipe that wakes it out of its wait for
-// events at shutdown.  Each start makes a new pipe, so that a thread never
-// reads a wake-up meant for another (a forked child's, say); the pipe is
-// closed once its thread has been joined.  g_stateMutex guards the fields;
-// g_joinMutex lets one thread at a time join.
+// The running thread and its own descriptor of the inotify instance
+// (shutdown closes the shared one, and its number may be reused at once).
+// The descriptor belongs to this state, not to the thread: a wake-up uses
+// it, so it is closed only once its thread has been joined, and each start
+// makes a new one, so that a thread never reads a wake-up meant for
+// another.  g_stateMutex guards the fields; g_joinMutex lets one thread at a
+// time join.
 struct ThreadState {
     pthread_t handle{};
     bool joinable = false;
-    int wake[2] = {-1, -1};
+    int events = -1;
 };
 ThreadState g_state;
 pthread_mutex_t g_stateMutex = PTHREAD_MUTEX_INITIALIZER;
@@ -46,46 +48,30 @@ pthread_mutex_t g_joinMutex = PTHREAD_MUTEX_INITIALIZER;
 // before it releases the files anyway, under their locks.
 constexpr int kStopWaitSeconds = 10;
 
-int wakeReadFd() {
+int eventsFd() {
     pthread_mutex_lock(&g_stateMutex);
-    const int fd = g_state.wake[0];
+    const int fd = g_state.events;
     pthread_mutex_unlock(&g_stateMutex);
     return fd;
 }
 
-void closeWakePipe() {
-    for (int& fd : g_state.wake) {
-        if (fd >= 0) close(fd);
-        fd = -1;
+void closeEventsFd() {
+    if (g_state.events >= 0) close(g_state.events);
+    g_state.events = -1;
+}
+
+// Reads one buffer of events: a plain blocking read, so that a pass costs
+// no extra system call (wakeWatchThread() ends the wait with an event of its
+// own).  With `queuedOnly`, takes only events already queued, if any.
+// Returns the byte count, 0 when nothing was queued, or -1 with errno set.
+ssize_t readEvents(int fd, uint8_t* buf, bool queuedOnly) {
+    if (queuedOnly) {
+        int queued = 0;
+        if (ioctl(fd, FIONREAD, &queued) != 0 || queued <= 0) return 0;
     }
-}
-
-void drainWakePipe(int fd) {
-    char buf[64];
-    if (fd >= 0)
-        while (read(fd, buf, sizeof buf) > 0) {
-        }
-}
-
-// Waits for events (or a wake-up) and reads one buffer.  Returns the byte
-// count, 0 when woken or when the wait (timeoutMs, -1 for none) ran out, or
-// -1 with errno set.
-ssize_t readEvents(int fd, int wakeFd, uint8_t* buf, int timeoutMs) {
     for (;;) {
-        pollfd fds[2] = {{fd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
-        const int n = poll(fds, wakeFd >= 0 ? 2 : 1, timeoutMs);
-        if (process::killRequested()) return 0;
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        if (n == 0) return 0;
-        if (fds[1].revents & POLLIN) {
-            drainWakePipe(wakeFd);
-            continue;
-        }
         const ssize_t got = read(fd, buf, inotify::kEventBufferSize);
-        if (got < 0 && errno == EINTR) continue;
+        if (got < 0 && errno == EINTR && !process::killRequested()) continue;
         return got;
     }
 }
@@ -107,7 +93,7 @@ void waitForDefaultsLock() {
     }
 }
 
-void runPass(int fd, int wakeFd) {
+void runPass(int fd) {
     static uint8_t buffer[inotify::kEventBufferSize];
     inotify::PassFlags flags{};
     // Files that set-up found deleted again before their watch was in place
@@ -115,7 +101,7 @@ void runPass(int fd, int wakeFd) {
     bool recheck = false;
     for (int i = 0; i < kNumFiles; ++i)
         if (inotify::takeRecheck(i)) flags.deleted[i] = recheck = true;
-    const ssize_t got = readEvents(fd, wakeFd, buffer, recheck ? 0 : -1);
+    const ssize_t got = readEvents(fd, buffer, recheck);
     if (got < 0) {
         if (process::killRequested()) return;
         const int e = errno;
@@ -139,15 +125,8 @@ void runPass(int fd, int wakeFd) {
 
 void* readThread(void*) {
     CM_LOG_TAGGED(293, "Started pthread PID=%d:%d running ConfigManager CM_ReadThread()\n", getpid(), platform::tid());
-    // The thread keeps its own reference to the inotify instance: shutdown
-    // closes the shared descriptor, and its number may be reused at once.
-    // dup() rather than F_DUPFD_CLOEXEC: user-mode emulators of other byte
-    // orders convert inotify events only on descriptors copied this way.
-    const int fd = dup(process::inotifyfd.load());
-    if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);
-    const int wakeFd = wakeReadFd();
-    while (fd >= 0 && !process::killRequested()) runPass(fd, wakeFd);
-    if (fd >= 0) close(fd);
+    const int fd = eventsFd();
+    while (fd >= 0 && !process::killRequested()) runPass(fd);
     process::s_bKillCM = 0;
     storage::releaseResources();
     CM_LOG_TAGGED(5, "CM thread terminated\n");
@@ -184,7 +163,7 @@ bool joinWatchThread(bool bounded) {
         if (joined) {
             pthread_mutex_lock(&g_stateMutex);
             g_state.joinable = false;
-            closeWakePipe();
+            closeEventsFd();
             pthread_mutex_unlock(&g_stateMutex);
         }
     }
@@ -196,8 +175,11 @@ void waitForStaleWatchThread() { joinWatchThread(false); }
 
 int startWatchThread() {
     pthread_mutex_lock(&g_stateMutex);
-    closeWakePipe();
-    if (pipe2(g_state.wake, O_CLOEXEC | O_NONBLOCK) != 0) g_state.wake[0] = g_state.wake[1] = -1;
+    closeEventsFd();
+    // dup() rather than F_DUPFD_CLOEXEC: user-mode emulators of other byte
+    // orders convert inotify events only on descriptors copied this way.
+    g_state.events = dup(process::inotifyfd.load());
+    if (g_state.events >= 0) fcntl(g_state.events, F_SETFD, FD_CLOEXEC);
     const int rc = pthread_create(&g_state.handle, nullptr, readThread, nullptr);
     g_state.joinable = rc == 0;
     pthread_mutex_unlock(&g_stateMutex);
@@ -205,21 +187,28 @@ int startWatchThread() {
 }
 
 void wakeWatchThread() {
+    // Adding a watch and removing it at once queues an IN_IGNORED event on
+    // the instance, which ends the thread's read; the thread then sees the
+    // kill flag before it looks at the event.  The watch goes on a directory
+    // (the root of the device tree, else "/"), never on a data file, so it
+    // cannot be one of the files' own watches.
     pthread_mutex_lock(&g_stateMutex);
-    if (g_state.wake[1] >= 0) {
-        const char b = 1;
-        [[maybe_unused]] ssize_t n = write(g_state.wake[1], &b, 1);
+    if (g_state.events >= 0) {
+        int wd = inotify_add_watch(g_state.events, paths::root(), IN_DELETE_SELF | IN_ONLYDIR);
+        if (wd < 0) wd = inotify_add_watch(g_state.events, "/", IN_DELETE_SELF | IN_ONLYDIR);
+        if (wd >= 0) inotify_rm_watch(g_state.events, wd);
     }
     pthread_mutex_unlock(&g_stateMutex);
 }
 
 void forgetThreadAfterFork() {
     // Only the forking thread lives on in the child: the parent's watch
-    // thread, its pipe and any lock another thread held are not the child's.
+    // thread, its descriptor and any lock another thread held are not the
+    // child's.
     pthread_mutex_init(&g_stateMutex, nullptr);
     pthread_mutex_init(&g_joinMutex, nullptr);
     g_state.joinable = false;
-    closeWakePipe();
+    closeEventsFd();
 }
 
 }  // namespace cm::watch

@@ -1,0 +1,293 @@
+// Change notification across processes, against the floor in the same run.
+//
+//   build/benchmarks/notify_bench [--rounds N]   (or CM_BENCH_ROUNDS=N)
+//
+// A writer process changes one variable of the largest data file, waits
+// until every watcher has been told, pauses 1 ms and writes again.  The
+// library's side: the writer and K watcher processes run the library with
+// its watch thread (CM_init) and a callback on the variable.  The floor's
+// side: the same processes doing only the bare system calls (floor.h), the
+// writer with a floor watch thread of its own.  Rounds alternate between the
+// two sides; each figure is the median over rounds, and each ratio the
+// median of the per-round ratios.
+//
+// Reported: the write's median and 99th percentile with 0, 1 and 8 other
+// watchers; the time from just before the write call to the callback in the
+// first and the last of K watchers; the CPU a watcher spends per change.
+//
+// Helper modes, for benchmarks/syscalls_per_pass.sh:
+//   --prepare DIR            create the data files under DIR (as the master)
+//   --serve lib|floor DIR    run one watcher; prints "ready" when set up
+//   --drive DIR N            make N changes, 2 ms apart
+#include <semaphore.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <map>
+#include <thread>
+
+#include "bench_report.h"
+#include "configmanager/cm_host.h"
+#include "configmanager/configmanager.h"
+#include "floor.h"
+
+namespace {
+
+constexpr int kFile = 5;         // the largest data file: 2274 records
+constexpr int32_t kVar = 801;    // a one-byte variable of it
+constexpr int kRel = kVar - 800;
+constexpr int kMaxWatchers = 8;
+constexpr int kSlots = kMaxWatchers + 1;  // slot 0: the writer's own watch thread
+constexpr int kWrites = 120;
+
+struct Shared {
+    sem_t ready, told;
+    std::atomic<int64_t> toldAt[kSlots];
+    int64_t cpuAtReady[kSlots];
+    int64_t writeNs[kWrites];
+    int64_t lat[kWrites][kSlots];
+    int missed;
+};
+Shared* g;
+int g_slot;
+
+int64_t cpuNs(const rusage& ru) {
+    auto ns = [](const timeval& t) { return static_cast<int64_t>(t.tv_sec) * 1000000000 + t.tv_usec * 1000; };
+    return ns(ru.ru_utime) + ns(ru.ru_stime);
+}
+
+void told(int slot) {
+    g->toldAt[slot].store(bench::nowNs());
+    sem_post(&g->told);
+}
+
+int onChange(int32_t) {
+    told(g_slot);
+    return 0;
+}
+
+void floorWatchLoop(bench::floor::File* f, int ifd, int slot) {
+    uint8_t buf[4096];
+    for (;;) {
+        if (read(ifd, buf, sizeof buf) <= 0) continue;
+        f->diff([slot](int rel) {
+            if (rel == kRel) told(slot);
+        });
+    }
+}
+
+void markReady(int slot) {
+    rusage ru{};
+    getrusage(RUSAGE_SELF, &ru);
+    g->cpuAtReady[slot] = cpuNs(ru);
+    sem_post(&g->ready);
+}
+
+[[noreturn]] void runWatcher(bool lib, int slot, const std::string& root) {
+    g_slot = slot;
+    if (lib) {
+        CM_Host_SetRootDirectory(root.c_str());
+        CM_init(0);
+        CM_Register_Interest(kVar, onChange);
+        markReady(slot);
+        for (;;) pause();
+    }
+    cm::paths::setRoot(root);
+    bench::floor::File f;
+    f.open(kFile);
+    const int ifd = bench::floor::watch(f);
+    markReady(slot);
+    floorWatchLoop(&f, ifd, slot);
+    _exit(0);
+}
+
+// Writes kWrites alternating values; each time waits for every watcher
+// (the writer's own included) before the next write.
+[[noreturn]] void runWriter(bool lib, int watchers, const std::string& root) {
+    g_slot = 0;
+    bench::floor::File f;
+    uint8_t current = 0;
+    if (lib) {
+        CM_Host_SetRootDirectory(root.c_str());
+        CM_init(0);
+        CM_Register_Interest(kVar, onChange);
+        CM_GetDataItem(kVar, &current);
+    } else {
+        cm::paths::setRoot(root);
+        f.open(kFile);
+        const int ifd = bench::floor::watch(f);
+        std::thread(floorWatchLoop, &f, ifd, 0).detach();
+        current = f.map[f.offset[kRel] + 4];
+    }
+    usleep(20000);
+    for (int n = 0; n < kWrites; ++n) {
+        const uint8_t value = (n % 2 == 0) == (current == 10) ? 11 : 10;
+        for (int k = 0; k <= watchers; ++k) g->toldAt[k].store(0);
+        const int64_t t0 = bench::nowNs();
+        if (lib)
+            CM_PutDataItem(kVar, &value);
+        else
+            f.write(kRel, &value);
+        g->writeNs[n] = bench::nowNs() - t0;
+        for (int k = 0; k <= watchers; ++k) {
+            timespec until;
+            clock_gettime(CLOCK_REALTIME, &until);
+            until.tv_sec += 2;
+            while (sem_timedwait(&g->told, &until) != 0 && errno == EINTR) {
+            }
+        }
+        for (int k = 0; k <= watchers; ++k) {
+            const int64_t at = g->toldAt[k].load();
+            g->lat[n][k] = at == 0 ? -1 : at - t0;
+            if (at == 0) ++g->missed;
+        }
+        usleep(1000);
+    }
+    _exit(0);
+}
+
+template <class F>
+pid_t spawn(F body) {
+    const pid_t pid = fork();
+    if (pid == 0) body();
+    return pid;
+}
+
+struct RunResult {
+    double writeP50, writeP99, firstUs, lastUs, cpuPerChangeUs;
+};
+
+RunResult runOnce(bool lib, int watchers, const std::string& root) {
+    g->missed = 0;
+    std::vector<pid_t> pids;
+    for (int k = 1; k <= watchers; ++k) pids.push_back(spawn([&] { runWatcher(lib, k, root); }));
+    for (int k = 1; k <= watchers; ++k) sem_wait(&g->ready);
+    const pid_t writer = spawn([&] { runWriter(lib, watchers, root); });
+    waitpid(writer, nullptr, 0);
+    usleep(5000);
+    double cpu = 0;
+    for (size_t k = 0; k < pids.size(); ++k) {
+        kill(pids[k], SIGKILL);
+        int status;
+        rusage ru{};
+        wait4(pids[k], &status, 0, &ru);
+        cpu += static_cast<double>(cpuNs(ru) - g->cpuAtReady[k + 1]);
+    }
+    while (sem_trywait(&g->told) == 0 || sem_trywait(&g->ready) == 0) {
+    }
+    if (g->missed) std::fprintf(stderr, "notify_bench: %d notifications missed\n", g->missed);
+    std::vector<double> w, first, last;
+    for (int n = 0; n < kWrites; ++n) {
+        w.push_back(static_cast<double>(g->writeNs[n]) / 1000);
+        double lo = 1e18, hi = -1;
+        for (int k = 1; k <= watchers; ++k) {
+            const double us = static_cast<double>(g->lat[n][k]) / 1000;
+            lo = std::min(lo, us);
+            hi = std::max(hi, us);
+        }
+        if (watchers > 0 && lo >= 0) {
+            first.push_back(lo);
+            last.push_back(hi);
+        }
+    }
+    return {bench::median(w), bench::quantile(w, 0.99), bench::median(first), bench::median(last),
+            watchers ? cpu / watchers / kWrites / 1000 : 0};
+}
+
+// Median over rounds of the library's figure, the floor's, and their ratio.
+bench::Row summarise(const std::string& name, const std::vector<RunResult>& lib, const std::vector<RunResult>& flo,
+                     double RunResult::*field, double target) {
+    std::vector<double> a, b, r;
+    for (size_t i = 0; i < lib.size(); ++i) {
+        a.push_back(lib[i].*field);
+        b.push_back(flo[i].*field);
+        r.push_back(flo[i].*field > 0 ? lib[i].*field / (flo[i].*field) : 0);
+    }
+    return {name, bench::median(a), bench::median(b), bench::median(r), target};
+}
+
+void prepare(const std::string& root) {
+    const pid_t pid = spawn([&] {
+        CM_Host_SetRootDirectory(root.c_str());
+        CM_init(1);
+        CM_Exit();
+        _exit(0);
+    });
+    waitpid(pid, nullptr, 0);
+}
+
+Shared* makeShared() {
+    void* m = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    auto* s = new (m) Shared{};
+    sem_init(&s->ready, 1, 0);
+    sem_init(&s->told, 1, 0);
+    return s;
+}
+
+int helperMode(int argc, char** argv) {
+    const std::string mode = argv[1];
+    if (mode == "--prepare" && argc == 3) {
+        prepare(argv[2]);
+        return 0;
+    }
+    if (mode == "--serve" && argc == 4) {
+        const pid_t pid = spawn([&] { runWatcher(std::string(argv[2]) == "lib", 1, argv[3]); });
+        sem_wait(&g->ready);
+        std::printf("ready %d\n", pid);
+        std::fflush(stdout);
+        waitpid(pid, nullptr, 0);
+        return 0;
+    }
+    if (mode == "--drive" && argc == 4) {
+        CM_Host_SetRootDirectory(argv[2]);
+        CM_initNoRegister();
+        uint8_t v = 0;
+        CM_GetDataItem(kVar, &v);
+        for (int n = 0, count = std::atoi(argv[3]); n < count; ++n) {
+            v = static_cast<uint8_t>(v == 10 ? 11 : 10);
+            CM_PutDataItem(kVar, &v);
+            usleep(2000);
+        }
+        return 0;
+    }
+    return -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    g = makeShared();
+    if (argc > 1 && std::strncmp(argv[1], "--benchmark", 11) != 0 && std::strcmp(argv[1], "--rounds") != 0)
+        return helperMode(argc, argv) == 0 ? 0 : 2;
+    const int rounds = bench::rounds(argc, argv, 9);
+
+    bench::ScratchRoot root;
+    prepare(root.dir);
+    const int counts[] = {0, 1, 2, 4, 8};
+    std::map<int, std::vector<RunResult>> lib, flo;
+    for (int round = 0; round < rounds; ++round)
+        for (int k : counts) {
+            lib[k].push_back(runOnce(true, k, root.dir));
+            flo[k].push_back(runOnce(false, k, root.dir));
+        }
+
+    std::vector<bench::Row> rows;
+    for (int k : {0, 1, 8}) {
+        const std::string w = "notify/write, own watch thread, " + std::to_string(k) + " watching";
+        rows.push_back(summarise(w + ", p50", lib[k], flo[k], &RunResult::writeP50, 1.1));
+        rows.push_back(summarise(w + ", p99", lib[k], flo[k], &RunResult::writeP99, 1.3));
+    }
+    for (int k : {1, 2, 4, 8}) {
+        const std::string t = "notify/told, " + std::to_string(k) + " watchers, ";
+        rows.push_back(summarise(t + "first", lib[k], flo[k], &RunResult::firstUs, 0));
+        rows.push_back(summarise(t + "last", lib[k], flo[k], &RunResult::lastUs, k == 1 || k == 8 ? 1.3 : 0));
+    }
+    for (int k : {1, 8})
+        rows.push_back(summarise("notify/watcher CPU per change, " + std::to_string(k) + " watching", lib[k], flo[k],
+                                 &RunResult::cpuPerChangeUs, k == 1 ? 1.1 : 0));
+    bench::report(rows, bench::wantJson(argc, argv));
+    return 0;
+}
