@@ -14,6 +14,8 @@ struct Resolved {
     char root[PATH_MAX] = "";  // without trailing '/'; empty means "/"
     char files[catalogue::kNumFiles][PATH_MAX] = {};
     char lockFile[PATH_MAX] = "";
+    char tagCache[PATH_MAX] = "";
+    char tagCacheTemp[PATH_MAX] = "";
     bool ready = false;
 };
 
@@ -35,6 +37,7 @@ bool build(std::string_view root) {
     for (int i = 0; i < catalogue::kNumFiles; ++i)
         if (!join(next.files[i], root, catalogue::sConfigItemList[i].szPath)) return false;
     if (!join(next.lockFile, root, kDefaultsLockFile)) return false;
+    if (!join(next.tagCache, root, kTagCacheFile) || !join(next.tagCacheTemp, root, kTagCacheTempFile)) return false;
     next.ready = true;
     g_paths = next;
     return true;
@@ -62,5 +65,8 @@ const char* root() {
 const char* dataFile(int iFileIndex) { return paths().files[iFileIndex]; }
 
 const char* defaultsLockFile() { return paths().lockFile; }
+
+const char* tagCacheFile() { return paths().tagCache; }
+const char* tagCacheTempFile() { return paths().tagCacheTemp; }
 
 }  // namespace cm::paths
