@@ -19,6 +19,7 @@
 #include "getset/mac_cache.h"
 #include "lifecycle/state.h"
 #include "platform/paths.h"
+#include "storage/file_state.h"
 #include "support/agent.h"
 #include "support/test_support.h"
 
@@ -38,7 +39,7 @@ protected:
     }
     std::string files() {
         std::string all;
-        for (int i = 0; i < CM_NUM_FILES; ++i) all += cmtest::readFile(cm::paths::dataFile(i));
+        for (int i = 0; i < CM_NUM_FILES; ++i) all += cmtest::readFile(cm::storage::pathOf(i));
         return all;
     }
     cmtest::TempRoot root;

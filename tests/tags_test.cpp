@@ -12,6 +12,7 @@
 #include "configmanager/configmanager.h"
 #include "log/log.h"
 #include "platform/paths.h"
+#include "storage/file_state.h"
 #include "support/test_support.h"
 #include "tags/tag_table.h"
 
@@ -214,7 +215,7 @@ TEST_F(Tags, LinearSearch) {
     EXPECT_EQ(CM_FindFileIndexRelativeIDCMTag("UNIT_NAME", &f, &r), 0);
     EXPECT_EQ(sConfigItemList[f].iFirstVarID + r, UNIT_NAME);
     EXPECT_TRUE(sink.contains("CM_FindFileIndexRelativeIDCMTag:  Found match for Tag UNIT_NAME: FileIndex=9 (rel=" +
-                              std::to_string(r) + ") in file '" + cm::paths::dataFile(9) + "'\n"));
+                              std::to_string(r) + ") in file '" + cm::storage::pathOf(9) + "'\n"));
     EXPECT_EQ(CM_FindFileIndexRelativeIDCMTag(nullptr, &f, &r), -1);
     EXPECT_EQ(CM_CompareVarNames(nullptr, nullptr), 0);
 }

@@ -3,20 +3,16 @@
 #include <cstring>
 
 #include "configmanager/cm_vars.h"
-#include "lifecycle/state.h"
-#include "storage/record.h"
+#include "getset/getset.h"
 
 namespace cm::tags {
 
 int readSoftwareVersion(char (&out)[kVersionBuf]) {
     std::memset(out, 0, sizeof out);
-    if (!lifecycle::started()) return -12;
-    if (storage::getDataItem(SOFTWARE_VERSION, out) != 0) {
-        out[0] = '\0';
-        return -15;
-    }
+    const int rc = getset::getVariable(SOFTWARE_VERSION, out);
+    if (rc != 0) out[0] = '\0';
     out[kVersionBuf - 1] = '\0';
-    return 0;
+    return rc;
 }
 
 }  // namespace cm::tags

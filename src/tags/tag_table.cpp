@@ -7,7 +7,7 @@
 #include "catalogue/lookup.h"
 #include "log/log.h"
 #include "log/syslog_direct.h"
-#include "platform/paths.h"
+#include "storage/file_state.h"
 #include "tags/tag_cache.h"
 
 namespace cm::tags {
@@ -108,7 +108,7 @@ int findFileIndexRelativeId(const char* tag, int32_t* fileIndex, int32_t* relId)
             *relId = rel;
             found = true;
             CM_LOG(log::kInfo, fn, "Found match for Tag %s: FileIndex=%d (rel=%d) in file '%s'\n", tag, f, rel,
-                   paths::dataFile(f));
+                   storage::pathOf(f));
             break;
         }
     }
