@@ -5,6 +5,8 @@
 #                         tests under qemu, compare data files with the native build
 #   make install PREFIX=  install library, headers and pkg-config file
 #   make install-check    install into a scratch prefix and build a C program against it
+#   make fuzz             build the libFuzzer targets with clang under ASan/UBSan into
+#                         build-fuzz/ and run each for FUZZ_SECONDS (default 60)
 BUILD ?= build
 BUILD_BE ?= build-be
 PREFIX ?= /usr/local
@@ -68,3 +70,20 @@ install-check: build
 
 clean:
 	rm -rf $(BUILD) $(BUILD_BE)
+
+# Fuzzing: every target runs for FUZZ_SECONDS, seeded from tests/fuzz-corpus/.
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
+FUZZ_CC ?= clang-14
+FUZZ_CXX ?= clang++-14
+FUZZ_FLAGS := -fsanitize=address,undefined -fno-sanitize-recover=undefined -fsanitize=fuzzer-no-link -g -O1
+
+.PHONY: fuzz build-fuzz
+build-fuzz:
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_C_COMPILER=$(FUZZ_CC) -DCMAKE_CXX_COMPILER=$(FUZZ_CXX) \
+	  -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_FLAGS="$(FUZZ_FLAGS)" -DCMAKE_CXX_FLAGS="$(FUZZ_FLAGS)" \
+	  -DCM_BUILD_FUZZERS=ON -DCM_BUILD_TESTS=OFF -DCM_BUILD_EXAMPLES=OFF -DCM_BUILD_BENCHMARKS=OFF
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzzers
+
+fuzz: build-fuzz
+	tools/fuzz/run-fuzzers.sh $(FUZZ_BUILD)/fuzz $(FUZZ_SECONDS)
