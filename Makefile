@@ -14,6 +14,8 @@
 #   make sweep            corruption sweep: byte flips, truncations, junk on data files;
 #                         the master must repair each, no process may crash or hang
 #                         (stops after SWEEP_BUDGET seconds, default 60)
+#   make fuzz             build the libFuzzer targets with clang under ASan/UBSan into
+#                         build-fuzz/ and run each for FUZZ_SECONDS (default 60)
 BUILD ?= build
 BUILD_BE ?= build-be
 PREFIX ?= /usr/local
@@ -117,7 +119,7 @@ sweep: build
 	$(BUILD)/tests/robustness/cm_sweep $(SWEEP_BUDGET)
 
 clean:
-	rm -rf $(BUILD) $(BUILD_BE) $(BUILD_ASAN) $(BUILD_TSAN)
+	rm -rf $(BUILD) $(BUILD_BE) $(BUILD_ASAN) $(BUILD_TSAN) $(FUZZ_BUILD)
 
 # Benchmarks: every program built from benchmarks/ and every benchmarks/*.sh
 # script, printed as one table (figures against the floor measured in the
@@ -125,3 +127,20 @@ clean:
 .PHONY: bench
 bench: build
 	python3 benchmarks/run_all.py $(BUILD)
+
+# Fuzzing: every target runs for FUZZ_SECONDS, seeded from tests/fuzz-corpus/.
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
+FUZZ_CC ?= clang-14
+FUZZ_CXX ?= clang++-14
+FUZZ_FLAGS := -fsanitize=address,undefined -fno-sanitize-recover=undefined -fsanitize=fuzzer-no-link -g -O1
+
+.PHONY: fuzz build-fuzz
+build-fuzz:
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_C_COMPILER=$(FUZZ_CC) -DCMAKE_CXX_COMPILER=$(FUZZ_CXX) \
+	  -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_FLAGS="$(FUZZ_FLAGS)" -DCMAKE_CXX_FLAGS="$(FUZZ_FLAGS)" \
+	  -DCM_BUILD_FUZZERS=ON -DCM_BUILD_TESTS=OFF -DCM_BUILD_EXAMPLES=OFF -DCM_BUILD_BENCHMARKS=OFF
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzzers
+
+fuzz: build-fuzz
+	tools/fuzz/run-fuzzers.sh $(FUZZ_BUILD)/fuzz $(FUZZ_SECONDS)
