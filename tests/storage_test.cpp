@@ -54,7 +54,7 @@ protected:
     void SetUp() override {
         cmtest::resetLibraryState();
         cm::paths::setRoot(root.dir());
-        path = cm::paths::dataFile(kRed);
+        path = cm::storage::pathOf(kRed);
     }
     void TearDown() override { cmtest::resetLibraryState(); }
     void openDefaulted(int i = kRed) {
@@ -62,7 +62,7 @@ protected:
         ASSERT_EQ(writeDefaultData(i, true, false), 0);
     }
     static std::string at(uint32_t offset, size_t n, int i = kRed) {
-        return cmtest::readFile(cm::paths::dataFile(i)).substr(offset, n);
+        return cmtest::readFile(cm::storage::pathOf(i)).substr(offset, n);
     }
     static void poke(uint32_t offset, const std::string& b) {
         ASSERT_EQ(pwrite(fdRead[kRed], b.data(), b.size(), offset), static_cast<ssize_t>(b.size()));

@@ -10,13 +10,13 @@
 #include "catalogue/catalogue.h"
 #include "configmanager/cm_lifecycle.h"
 #include "lifecycle/shutdown.h"
-#include "lifecycle/state.h"
 #include "log/log.h"
 #include "notify/registry.h"
 #include "platform/env.h"
+#include "process/state.h"
+#include "setup/setup.h"
 #include "storage/file_state.h"
 #include "storage/open_map.h"
-#include "storage/setup.h"
 #include "watch/watch_thread.h"
 
 namespace cm::lifecycle {
@@ -27,6 +27,7 @@ constexpr uint32_t kStartErr = 291, kStartWarn = 292, kStartNotice = 293, kStart
 constexpr uint32_t kNotStartedWarn = 36;
 
 using storage::kNumFiles;
+using namespace process;
 
 void alreadyStartedWarning(const char* fn) {
     CM_LOG(kStartWarn, fn, "Warning, CM already initialised..., ID=%d\n", getpid());
@@ -88,7 +89,7 @@ int fileAccessInit() {
                           getpid(), storage::pathOf(i), rc, std::strerror(rc));
             return -1;
         }
-        result = storage::setUpConfigFile(i);
+        result = setup::setUpConfigFile(i);
     }
     const int rc = watch::startWatchThread();
     if (rc != 0) {
@@ -138,7 +139,7 @@ int fileAccessInitNoRegister() {
             continue;
         }
         result = storage::openFile(i);
-        if (result >= 0) result = storage::initialiseDataStruct(i, false, false);
+        if (result >= 0) result = setup::initialiseDataStruct(i, false, false);
     }
     return result;
 }

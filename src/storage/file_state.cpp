@@ -1,5 +1,9 @@
 #include "storage/file_state.h"
 
+#include <atomic>
+#include <climits>
+#include <mutex>
+
 #include "log/log.h"
 #include "platform/paths.h"
 
@@ -42,6 +46,30 @@ bool checkOpen(int iFileIndex, const char* fn) {
     return false;
 }
 
-const char* pathOf(int iFileIndex) { return paths::dataFile(iFileIndex); }
+namespace {
+
+// The data files' paths under the current root, resolved again after the
+// root changes (which happens before start-up, never while files are open).
+struct ResolvedPaths {
+    char files[kNumFiles][PATH_MAX] = {};
+};
+ResolvedPaths g_paths;
+std::mutex g_pathsMutex;
+std::atomic<unsigned> g_pathsGeneration{~0u};
+
+}  // namespace
+
+const char* pathOf(int iFileIndex) {
+    const unsigned gen = paths::generation();
+    if (g_pathsGeneration.load(std::memory_order_acquire) != gen) {
+        std::lock_guard<std::mutex> g(g_pathsMutex);
+        if (g_pathsGeneration.load(std::memory_order_relaxed) != gen) {
+            for (int i = 0; i < kNumFiles; ++i)
+                if (!paths::resolve(g_paths.files[i], catalogue::sConfigItemList[i].szPath)) g_paths.files[i][0] = '\0';
+            g_pathsGeneration.store(gen, std::memory_order_release);
+        }
+    }
+    return g_paths.files[iFileIndex];
+}
 
 }  // namespace cm::storage

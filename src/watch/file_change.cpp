@@ -7,16 +7,16 @@
 #include <cstring>
 
 #include "catalogue/catalogue.h"
-#include "lifecycle/state.h"
+#include "inotify/inotify_watch.h"
 #include "log/log.h"
 #include "notify/registry.h"
 #include "platform/env.h"
+#include "process/state.h"
+#include "setup/setup.h"
 #include "storage/byte_order.h"
 #include "storage/file_state.h"
 #include "storage/lock.h"
 #include "storage/open_map.h"
-#include "storage/setup.h"
-#include "watch/inotify_watch.h"
 
 namespace cm::watch {
 namespace {
@@ -24,6 +24,8 @@ namespace {
 constexpr auto kLogModule = log::Module::FileAccess;
 constexpr int kGrowthChecks = 50;
 using namespace storage;
+using namespace setup;
+using inotify::removeInotifyWatch;
 
 // Set-up again after a length change, then everything counts as changed.
 void reprocess(int i) {
@@ -95,7 +97,7 @@ void handleModifiedFile(int i) {
         return;
     }
     const auto size = static_cast<unsigned long>(st.st_size);
-    const bool master = lifecycle::isMaster();
+    const bool master = process::isMaster();
     if (size == dwLenActualFile[i]) {
         if (!master && bBadFile[i] && size == dwLenCorrectFile[i]) {
             CM_LOG_TAGGED(log::kNotice, "CM_ReadThread, PID=%d. CM data file [%d] '%s' length %lu (correct) - reprocess the file as previously bad data\n",
@@ -153,11 +155,11 @@ void actionFileChange(int i) {
                 if (rel != static_cast<unsigned>(r)) {
                     CM_LOG(log::kErr, fn, "CM data file [%d] '%s' record at offset %lu  has wrong relative ID=%u (expected %d)\n",
                            i, pathOf(i), static_cast<unsigned long>(off), rel, r);
-                    repair |= lifecycle::isMaster();
+                    repair |= process::isMaster();
                 } else if (storedLen != e.wDataSize) {
                     CM_LOG(log::kErr, fn, "CM data file [%d] '%s' record at offset %lu with ID=%d has wrong length=%u (expected %zu)\n",
                            i, pathOf(i), static_cast<unsigned long>(off), r, storedLen, static_cast<size_t>(e.wDataSize));
-                    repair |= lifecycle::isMaster();
+                    repair |= process::isMaster();
                 } else if (std::memcmp(map + off + kRecordHeader, prev + off + kRecordHeader, e.wDataSize) != 0) {
                     CM_LOG_TAGGED(log::kInfo, "CM_ActionFileChange: Var %d (relative %d) in file '%s' - has changed\n",
                                   first + r, r, pathOf(i));

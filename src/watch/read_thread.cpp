@@ -9,13 +9,13 @@
 #include <cerrno>
 #include <cstring>
 
-#include "lifecycle/shutdown.h"
-#include "lifecycle/state.h"
+#include "inotify/event_parse.h"
 #include "log/log.h"
 #include "platform/env.h"
 #include "platform/paths.h"
+#include "process/state.h"
 #include "storage/file_state.h"
-#include "watch/event_parse.h"
+#include "storage/release.h"
 #include "watch/file_change.h"
 #include "watch/watch_thread.h"
 
@@ -50,7 +50,7 @@ ssize_t readEvents(int fd, uint8_t* buf) {
     for (;;) {
         pollfd fds[2] = {{fd, POLLIN, 0}, {g_wakePipe[0], POLLIN, 0}};
         const int n = poll(fds, g_wakePipe[0] >= 0 ? 2 : 1, -1);
-        if (lifecycle::killRequested()) return 0;
+        if (process::killRequested()) return 0;
         if (n < 0) {
             if (errno == EINTR) continue;
             return -1;
@@ -59,7 +59,7 @@ ssize_t readEvents(int fd, uint8_t* buf) {
             drainWakePipe();
             continue;
         }
-        const ssize_t got = read(fd, buf, kEventBufferSize);
+        const ssize_t got = read(fd, buf, inotify::kEventBufferSize);
         if (got < 0 && errno == EINTR) continue;
         return got;
     }
@@ -71,7 +71,7 @@ void waitForDefaultsLock() {
     constexpr const char* fn = "CM_ReadThread";
     const char* lockPath = paths::defaultsLockFile();
     int count = kLockFileChecks;
-    while (access(lockPath, F_OK) == 0 && !lifecycle::killRequested()) {
+    while (access(lockPath, F_OK) == 0 && !process::killRequested()) {
         CM_LOG(log::kInfo, fn, "Lock file exists, iLockCount=%d\n", count);
         if (--count == 0) {
             CM_LOG(log::kErr, fn, "Timeout waiting for another process to delete lock file '%s' - deleted it\n", lockPath);
@@ -83,21 +83,21 @@ void waitForDefaultsLock() {
 }
 
 void runPass(int fd) {
-    static uint8_t buffer[kEventBufferSize];
-    PassFlags flags{};
+    static uint8_t buffer[inotify::kEventBufferSize];
+    inotify::PassFlags flags{};
     const ssize_t got = readEvents(fd, buffer);
     if (got < 0) {
-        if (lifecycle::killRequested()) return;
+        if (process::killRequested()) return;
         const int e = errno;
         CM_LOG_TAGGED(log::kErr, "**ERROR: CM_ReadThread, PID=%d. inotify read failed, errno=%d '%s', try again...\n",
                       getpid(), e, std::strerror(e));
         platform::sleepSeconds(1);
     } else if (got > 0) {
-        parseEvents(buffer, static_cast<size_t>(got), flags);
+        inotify::parseEvents(buffer, static_cast<size_t>(got), flags);
     }
-    if (lifecycle::killRequested()) return;
+    if (process::killRequested()) return;
     waitForDefaultsLock();
-    for (int i = 0; i < kNumFiles && !lifecycle::killRequested(); ++i) {
+    for (int i = 0; i < kNumFiles && !process::killRequested(); ++i) {
         if (flags.deleted[i])
             handleDeletedFile(i);
         else if (flags.modified[i])
@@ -113,12 +113,12 @@ void* readThread(void*) {
     // closes the shared descriptor, and its number may be reused at once.
     // dup() rather than F_DUPFD_CLOEXEC: user-mode emulators of other byte
     // orders convert inotify events only on descriptors copied this way.
-    const int fd = dup(lifecycle::inotifyfd.load());
+    const int fd = dup(process::inotifyfd.load());
     if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);
-    while (fd >= 0 && !lifecycle::killRequested()) runPass(fd);
+    while (fd >= 0 && !process::killRequested()) runPass(fd);
     if (fd >= 0) close(fd);
-    lifecycle::s_bKillCM = 0;
-    lifecycle::cleanUp();
+    process::s_bKillCM = 0;
+    storage::releaseResources();
     CM_LOG_TAGGED(5, "CM thread terminated\n");
     return nullptr;
 }

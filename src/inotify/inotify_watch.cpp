@@ -1,4 +1,4 @@
-#include "watch/inotify_watch.h"
+#include "inotify/inotify_watch.h"
 
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -6,11 +6,11 @@
 #include <cerrno>
 #include <cstring>
 
-#include "lifecycle/state.h"
 #include "log/log.h"
+#include "process/state.h"
 #include "storage/file_state.h"
 
-namespace cm::watch {
+namespace cm::inotify {
 namespace {
 
 constexpr auto kLogModule = log::Module::FileAccess;
@@ -19,7 +19,7 @@ using namespace storage;
 // The checks shared by adding and removing a watch.
 bool checkWatchable(int i, const char* fn, bool forAdd) {
     if (!checkOpen(i, fn)) return false;
-    if (lifecycle::inotifyfd.load() < 0) {
+    if (process::inotifyfd.load() < 0) {
         CM_LOG(log::kErr, fn, "inotifyfd uninitialised for file no. %d\n", i);
         return false;
     }
@@ -34,7 +34,7 @@ bool checkWatchable(int i, const char* fn, bool forAdd) {
 
 int addInotifyWatch(int i) {
     if (!checkWatchable(i, "CM_AddInotifyWatch", true)) return -1;
-    const int wd = inotify_add_watch(lifecycle::inotifyfd.load(), pathOf(i), kWatchMask);
+    const int wd = inotify_add_watch(process::inotifyfd.load(), pathOf(i), kWatchMask);
     if (wd < 0) {
         const int e = errno;
         CM_LOG_TAGGED(log::kErr, "**ERROR: CM_AddInotifyWatch, PID=%d. Failed to add '%s' to inotify_add_watch, errno=%d '%s'\n",
@@ -51,7 +51,7 @@ int removeInotifyWatch(int i) {
     int rc = -1;
     if (checkWatchable(i, "CM_RemoveInotifyWatch", false)) {
         const int was = inotifywd[i];
-        if (inotify_rm_watch(lifecycle::inotifyfd.load(), was) != 0) {
+        if (inotify_rm_watch(process::inotifyfd.load(), was) != 0) {
             const int e = errno;
             CM_LOG_TAGGED(log::kErr, "**ERROR: CM_RemoveInotifyWatch, PID=%d. Failed to remove '%s' from inotify list, errno=%d '%s'\n",
                           getpid(), pathOf(i), e, std::strerror(e));
@@ -65,4 +65,4 @@ int removeInotifyWatch(int i) {
     return rc;
 }
 
-}  // namespace cm::watch
+}  // namespace cm::inotify

@@ -1,4 +1,4 @@
-#include "watch/event_parse.h"
+#include "inotify/event_parse.h"
 
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -6,10 +6,10 @@
 
 #include <cstring>
 
-#include "lifecycle/state.h"
 #include "log/log.h"
+#include "process/state.h"
 
-namespace cm::watch {
+namespace cm::inotify {
 namespace {
 
 constexpr auto kLogModule = log::Module::FileAccess;
@@ -29,7 +29,7 @@ bool fileReplaced(int i) {
 void parseEvents(const uint8_t* buf, size_t len, PassFlags& flags) {
     constexpr const char* fn = "CM_ReadThread";
     size_t at = 0;
-    while (len - at >= kEventHeader && !lifecycle::killRequested()) {
+    while (len - at >= kEventHeader && !process::killRequested()) {
         inotify_event ev;
         std::memcpy(&ev, buf + at, kEventHeader);
         const char* name = reinterpret_cast<const char*>(buf + at + kEventHeader);
@@ -62,4 +62,4 @@ void parseEvents(const uint8_t* buf, size_t len, PassFlags& flags) {
                static_cast<int>(len - at), static_cast<int>(len));
 }
 
-}  // namespace cm::watch
+}  // namespace cm::inotify

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-namespace cm::watch {
+namespace cm::inotify {
 
 // IN_MODIFY | IN_CREATE | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF, plus
 // IN_ATTRIB: while any process holds a data file open, unlinking or
@@ -18,4 +18,4 @@ int addInotifyWatch(int iFileIndex);
 // Removes the watch; inotifywd is -1 afterwards in every case.
 int removeInotifyWatch(int iFileIndex);
 
-}  // namespace cm::watch
+}  // namespace cm::inotify

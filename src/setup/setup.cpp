@@ -1,23 +1,24 @@
-#include "storage/setup.h"
+#include "setup/setup.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "catalogue/lookup.h"
-#include "lifecycle/state.h"
+#include "inotify/inotify_watch.h"
 #include "log/log.h"
 #include "notify/registry.h"
+#include "process/state.h"
 #include "storage/byte_order.h"
 #include "storage/defaults.h"
 #include "storage/file_state.h"
 #include "storage/lock.h"
 #include "storage/open_map.h"
-#include "watch/inotify_watch.h"
 
-namespace cm::storage {
+namespace cm::setup {
 namespace {
 
 constexpr auto kLogModule = log::Module::FileAccess;
+using namespace storage;
 
 int32_t lastVarId(int i) {
     const auto& f = catalogue::sConfigItemList[i];
@@ -91,7 +92,7 @@ void handleExtraBytes(int i, uint32_t fileLen, int result) {
     if (fileLen <= dwLenCorrectFile[i]) return;
     const unsigned long extra = fileLen - dwLenCorrectFile[i];
     const int items = catalogue::sConfigItemList[i].iNumItems;
-    if (!lifecycle::isMaster()) {
+    if (!process::isMaster()) {
         CM_LOG(log::kWarn, fn, "CM data file [%d] '%s' %s %lu extra bytes at end, after its %d items\n", i, pathOf(i),
                "has", extra, items);
     } else if (result == kFileGood) {
@@ -114,11 +115,11 @@ int setUpConfigFile(int i) {
         // Checked again all the same: the caller wants a fresh look at the file.
         CM_LOG(log::kErr, fn, "CM data file [%d] '%s' is already open (FD=%d) - quit setup of it\n", i, pathOf(i),
                fdRead[i]);
-    } else if (!lifecycle::isMaster()) {
+    } else if (!process::isMaster()) {
         openFile(i);
     } else if (openOrCreateFile(i) == 1) {
         writeDefaultData(i, true, true);
-        watch::addInotifyWatch(i);
+        inotify::addInotifyWatch(i);
         return 0;
     }
     if (fdRead[i] < 0) {
@@ -156,14 +157,14 @@ int initialiseDataStruct(int i, bool bInitPrev, bool bStartWatch) {
         if (!mapped(i)) return -1;
     } else {
         unmapFile(i);
-        if (!lifecycle::isMaster()) {
+        if (!process::isMaster()) {
             bBadFile[i] = 1;
             return kFileEmptyOrShort;
         }
     }
 
     int result = kFileGood;
-    if (lifecycle::isMaster() && dwLenCorrectFile[i] > fileLen) {
+    if (process::isMaster() && dwLenCorrectFile[i] > fileLen) {
         CM_LOG(log::kErr, fn,
                "CM data file [%d] '%s' length of %lu bytes is %lu too short (expected %lu), so CM var record(s) missing or truncated\n",
                i, pathOf(i), static_cast<unsigned long>(fileLen), static_cast<unsigned long>(dwLenCorrectFile[i] - fileLen),
@@ -176,9 +177,9 @@ int initialiseDataStruct(int i, bool bInitPrev, bool bStartWatch) {
     bBadFile[i] = result != kFileGood;
     handleExtraBytes(i, fileLen, result);
 
-    if (result != kFileGood && lifecycle::isMaster()) repairFromDefaults(i, false, fn);
+    if (result != kFileGood && process::isMaster()) repairFromDefaults(i, false, fn);
     if (bInitPrev) initialisePrevData(i);
-    if (bStartWatch) watch::addInotifyWatch(i);
+    if (bStartWatch) inotify::addInotifyWatch(i);
     return result;
 }
 
@@ -202,4 +203,4 @@ int actionChangesToAllNewItems(int i) {
     return 0;
 }
 
-}  // namespace cm::storage
+}  // namespace cm::setup

@@ -3,7 +3,7 @@
 // snapshot and watch.
 #pragma once
 
-namespace cm::storage {
+namespace cm::setup {
 
 // Check results of initialiseDataStruct.
 enum CheckResult : int {
@@ -26,4 +26,4 @@ int repairFromDefaults(int iFileIndex, bool bInitPrev, const char* fn);
 // Notifies every variable of the file as changed.  0, or -1.
 int actionChangesToAllNewItems(int iFileIndex);
 
-}  // namespace cm::storage
+}  // namespace cm::setup
