@@ -20,6 +20,7 @@
 #include "lifecycle/state.h"
 #include "platform/paths.h"
 #include "support/agent.h"
+#include "storage/file_state.h"
 #include "support/test_support.h"
 
 using namespace std::chrono_literals;
@@ -38,7 +39,7 @@ protected:
     }
     std::string files() {
         std::string all;
-        for (int i = 0; i < CM_NUM_FILES; ++i) all += cmtest::readFile(cm::paths::dataFile(i));
+        for (int i = 0; i < CM_NUM_FILES; ++i) all += cmtest::readFile(cm::storage::pathOf(i));
         return all;
     }
     cmtest::TempRoot root;

@@ -16,6 +16,7 @@
 #include "configmanager/cm_vars.h"
 #include "lifecycle/state.h"
 #include "platform/paths.h"
+#include "storage/file_state.h"
 #include "support/test_support.h"
 
 using namespace std::string_literals;
@@ -64,7 +65,7 @@ protected:
         cm::catalogue::Location loc{};
         EXPECT_TRUE(cm::catalogue::locate(id, loc));
         const auto& e = cm::catalogue::entry(loc.iFileIndex, loc.iVarID_Rel);
-        return cmtest::readFile(cm::paths::dataFile(loc.iFileIndex)).substr(e.recordOffset() + 4, e.wDataSize);
+        return cmtest::readFile(cm::storage::pathOf(loc.iFileIndex)).substr(e.recordOffset() + 4, e.wDataSize);
     }
     std::string bare(int32_t id) {
         char text[CM_VALUE_TEXT_SIZE];

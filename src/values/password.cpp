@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "log/log.h"
-#include "storage/byte_order.h"
+#include "platform/byte_order.h"
 
 namespace cm::values {
 namespace {
@@ -57,14 +57,14 @@ int encipherPassword(const char* plain, uint8_t record[kPasswdRecordSize]) {
     }
     const int total = n + tail;
     if (total < 1) return kFailed;
-    storage::storeBe16(record, static_cast<uint16_t>(total));
+    platform::storeBe16(record, static_cast<uint16_t>(total));
     return 0;
 }
 
 int decipherPassword(const uint8_t record[kPasswdRecordSize], char* plain) {
     constexpr const char* fn = "vxdecrypt";
     plain[0] = '\0';
-    const unsigned len = storage::loadBe16(record);
+    const unsigned len = platform::loadBe16(record);
     if (len > kPasswdMaxCipher) return kFailed;
     if (len == 0) return 0;
 
