@@ -11,6 +11,7 @@
 #define CONFIGMANAGER_CONFIGMANAGER_H
 
 #include "configmanager/applog.h"
+#include "configmanager/applog_settings.h"
 #include "configmanager/cm_batch.h"
 #include "configmanager/cm_getset.h"
 #include "configmanager/cm_lifecycle.h"
