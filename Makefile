@@ -5,6 +5,7 @@
 #                         tests under qemu, compare data files with the native build
 #   make install PREFIX=  install library, headers and pkg-config file
 #   make install-check    install into a scratch prefix and build a C program against it
+#   make check-leaks      run the tests and check they touched nothing outside their roots
 BUILD ?= build
 BUILD_BE ?= build-be
 PREFIX ?= /usr/local
@@ -65,6 +66,12 @@ install-check: build
 	    $$(pkg-config --cflags --libs configmanager) \
 	    -Wl,-rpath,$$(pkg-config --variable=libdir configmanager)
 	$(INSTALL_CHECK_DIR)/c_api_check
+
+# Runs the suite and fails when it touched anything outside its temporary
+# roots (/tmp, /var/log, /var/www, /etc/pki, /home, /root, message queues).
+.PHONY: check-leaks
+check-leaks: build
+	tools/check-no-leaks.sh ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 
 clean:
 	rm -rf $(BUILD) $(BUILD_BE)
