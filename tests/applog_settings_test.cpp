@@ -84,40 +84,36 @@ TEST_F(Applog, RemoteLogEventText) {
         {0, 6, "2001:db8::1"},
         {4, 4, "10.1.2.3 2001:db8::1"},
     };
-    int seq = 0;
-    for (const auto& c : cases) {
-        ASSERT_EQ(setNumber(CURRENT_IP4_ADDRESS_STATUS, c.ip4Status), 0);
-        ASSERT_EQ(setNumber(CURRENT_IP6_ADDRESS_STATUS, c.ip6Status), 0);
+    const auto event = [](const char* text, const char* addresses, const char* seq) {
+        return std::string("^^VX Code=000021;") + text + ";Device=Zr440;Unit Name=gw %n%s 100%;IP Address=" +
+               addresses + ";MAC=00:11:22:AA:BB:CC;Seq No=" + seq;
+    };
+    const char* seqs[] = {"00000", "00001", "00002", "00003"};
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_EQ(setNumber(CURRENT_IP4_ADDRESS_STATUS, cases[i].ip4Status), 0);
+        ASSERT_EQ(setNumber(CURRENT_IP6_ADDRESS_STATUS, cases[i].ip6Status), 0);
         RemoteLogChanged(CURRENT_IP6_ADDRESS_STATUS);
         log.clear();
         RemoteLog(0x106, 21, "%s", "General Defaults Loaded");
-        const auto lines = log.lines();
-        ASSERT_EQ(lines.size(), 1u);
-        EXPECT_EQ(lines[0].channel, cm::log::Channel::Syslog);
-        EXPECT_EQ(lines[0].priority, 6);
-        char seqText[8];
-        std::snprintf(seqText, sizeof seqText, "%05d", seq++);
-        EXPECT_EQ(lines[0].text, std::string("^^VX Code=000021;General Defaults Loaded;Device=Zr440;Unit Name=gw %n%s "
-                                             "100%;IP Address=") +
-                                     c.addresses + ";MAC=00:11:22:AA:BB:CC;Seq No=" + seqText);
+        ASSERT_EQ(log.lines().size(), 1u);
+        EXPECT_EQ(log.lines()[0].text, event("General Defaults Loaded", cases[i].addresses, seqs[i]));
     }
 
-    // The caller's own format takes its arguments; the console setting and
-    // the gate do not apply; the sequence number wraps after 99999.
+    // The caller's format takes its arguments; neither the gate nor the
+    // console setting applies; the sequence number wraps after 99999.
     g_iConsoleLog = 1;
     cm::log::oLogMode = 0;
     cm::applog::setNextSeqNo(99999);
     log.clear();
-    RemoteLog(3, 7, "x=%d %s", 5, "y");
-    RemoteLog(3, 7, "%%");
+    RemoteLog(3, 21, "x=%d %s", 5, "y");
+    RemoteLog(0x107, 21, "100%%");
     const auto lines = log.lines();
     ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0].channel, cm::log::Channel::Syslog);
+    EXPECT_EQ(lines[0].text, event("x=5 y", "10.1.2.3 2001:db8::1", "99999"));
+    EXPECT_EQ(lines[1].text, event("100%", "10.1.2.3 2001:db8::1", "00000"));
+    for (const auto& l : lines) EXPECT_EQ(l.channel, cm::log::Channel::Syslog);
     EXPECT_EQ(lines[0].priority, 3);
-    EXPECT_EQ(lines[0].text.rfind("^^VX Code=000007;x=5 y;Device=Zr440;", 0), 0u);
-    EXPECT_NE(lines[0].text.find(";Seq No=99999"), std::string::npos);
-    EXPECT_NE(lines[1].text.find("Code=000007;%;Device"), std::string::npos);
-    EXPECT_NE(lines[1].text.find("Seq No=00000"), std::string::npos);
+    EXPECT_EQ(lines[1].priority, 7);
 }
 
 // Agent commands: bind the log settings, and report where a message of a
@@ -167,11 +163,13 @@ TEST_F(Applog, SettingsFollowVariablesChangedByAnotherProcess) {
         uint32_t level;
         const char* where;
     } steps[] = {
-        {GENERAL_LOG_MODE, 1, 262, "syslog"},    {GENERAL_LOG_MODE, 0, 259, "none"},
-        {GENERAL_LOG_MODE, 1, 263, "none"},
-        {GENERAL_LOG_FILTER, 7, 263, "syslog"},  {CONSOLE_LOG, 1, 263, "console"},
-        {CONSOLE_LOG, 2, 263, "syslog"},         {GENERAL_LOG_FILTER, 0x17, 0x106, "none"},
-        {GENERAL_LOG_FILTER, 0x17, 6, "syslog"},
+        // Each step changes what the agent does, so that waiting for it
+        // proves the change was heard before the next one is made.
+        {GENERAL_LOG_FILTER, 3, 262, "none"},     {GENERAL_LOG_MODE, 0x80, 259, "none"},
+        {GENERAL_LOG_MODE, 1, 259, "syslog"},     {GENERAL_LOG_MODE, 0, 259, "none"},
+        {GENERAL_LOG_MODE, 1, 259, "syslog"},     {GENERAL_LOG_FILTER, 7, 263, "syslog"},
+        {CONSOLE_LOG, 1, 263, "console"},         {CONSOLE_LOG, 2, 263, "syslog"},
+        {GENERAL_LOG_FILTER, 0x17, 0x106, "none"}, {GENERAL_LOG_FILTER, 0x17, 6, "syslog"},
     };
     for (const auto& s : steps) {
         ASSERT_GE(setNumber(s.id, s.value), 0);
