@@ -17,8 +17,9 @@
 #include "configmanager/cm_values.h"
 #include "configmanager/cm_vars.h"
 #include "getset/mac_cache.h"
-#include "lifecycle/state.h"
+#include "process/state.h"
 #include "platform/paths.h"
+#include "storage/file_state.h"
 #include "support/agent.h"
 #include "storage/file_state.h"
 #include "support/test_support.h"
@@ -75,7 +76,7 @@ TEST_F(GetSet, CodesAndLoggedFailures) {
     // The logging variants name the variable.
     EXPECT_EQ(CM_Set_Variable_Log_Error(CURRENT_FILE_TRANSFER_PASSWORD, std::string(128, 'p').c_str()),
               CM_ERR_INVALID);
-    pthread_mutex_unlock(&cm::lifecycle::mCMMutex);  // left held by the password failure
+    pthread_mutex_unlock(&cm::process::mCMMutex);  // left held by the password failure
     EXPECT_TRUE(sink.contains("failed to set CM var CURRENT_FILE_TRANSFER_PASSWORD (ID=197)"));
 }
 
@@ -149,8 +150,8 @@ TEST_F(GetSet, PasswordFailureLeavesTheSetMutexHeldByTheCaller) {
     port = 7001;
     std::thread other([&] { result = CM_Set_Variable(CURRENT_CMS_PORT_ADDRESS, &port); });
     EXPECT_FALSE(cmtest::waitFor([&] { return result != 1; }, 300ms));  // blocked on the mutex
-    pthread_mutex_unlock(&cm::lifecycle::mCMMutex);
-    pthread_mutex_unlock(&cm::lifecycle::mCMMutex);
+    pthread_mutex_unlock(&cm::process::mCMMutex);
+    pthread_mutex_unlock(&cm::process::mCMMutex);
     other.join();
     EXPECT_EQ(result, 0);
     uint16_t got = 0;

@@ -14,7 +14,7 @@
 #include "configmanager/cm_storage.h"
 #include "configmanager/cm_values.h"
 #include "configmanager/cm_vars.h"
-#include "lifecycle/state.h"
+#include "process/state.h"
 #include "platform/paths.h"
 #include "storage/file_state.h"
 #include "support/test_support.h"

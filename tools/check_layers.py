@@ -20,6 +20,8 @@ LAYERS = [
     "values",     # value forms
     "process",    # process-wide state: started, master, kill flag, inotify descriptor
     "storage",    # per-file state, locks, open/map, records, defaults, release
+    "getset",     # get and set by ID, passwords, the MAC cache
+    "text",       # text forms of values and their parser
     "notify",     # interest registry, changed-variable list
     "inotify",    # watch descriptors, event parsing
     "setup",      # checking, repairing and watching one data file

@@ -8,7 +8,7 @@
 #include "configmanager/cm_types.h"
 #include "getset/getset.h"
 #include "getset/mac_cache.h"
-#include "lifecycle/state.h"
+#include "process/state.h"
 #include "log/log.h"
 #include "platform/env.h"
 #include "storage/record.h"
@@ -25,9 +25,9 @@ void cacheMac(int32_t id, const void* value) {
     catalogue::Location loc;
     if (!catalogue::locate(id, loc)) return;
     const size_t n = std::min<size_t>(kMacCacheUsed, catalogue::entry(loc.iFileIndex, loc.iVarID_Rel).wDataSize);
-    if (pthread_mutex_lock(&lifecycle::mCMMutex) != 0) return;
+    if (pthread_mutex_lock(&process::mCMMutex) != 0) return;
     std::memcpy(szMACAddress, value, n);
-    pthread_mutex_unlock(&lifecycle::mCMMutex);
+    pthread_mutex_unlock(&process::mCMMutex);
 }
 
 // A number of the variable's type from the caller's buffer (host order).
@@ -50,7 +50,7 @@ uint32_t loadNumber(uint8_t type, const void* value) {
 }  // namespace
 
 int getVariable(int32_t id, void* value) {
-    if (!lifecycle::started()) return kNotStarted;
+    if (!process::started()) return kNotStarted;
     if (value == nullptr) return kInvalid;
     if (storage::getDataItem(id, value) != 0) return kInvalid;
     // Unreachable for such IDs (the read has failed already); kept after it.
@@ -70,7 +70,7 @@ int getVariableLogError(int32_t id, void* value) {
 }
 
 int getVariableDefault(int32_t id, void* value) {
-    if (!lifecycle::started()) return kNotStarted;
+    if (!process::started()) return kNotStarted;
     if (value == nullptr) return kInvalid;
     return storage::getDataItemDefaultValue(id, value) < 0 ? kInvalid : 0;
 }

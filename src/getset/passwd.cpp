@@ -3,7 +3,7 @@
 #include "catalogue/lookup.h"
 #include "configmanager/cm_types.h"
 #include "getset/getset.h"
-#include "lifecycle/state.h"
+#include "process/state.h"
 #include "storage/record.h"
 #include "values/password.h"
 
@@ -19,7 +19,7 @@ int getDataItemPasswd(int32_t id, void* record) {
 int getPasswd(int32_t id, char* plain) {
     if (plain == nullptr) return kInvalid;
     plain[0] = '\0';
-    if (!lifecycle::started()) return kNotStarted;
+    if (!process::started()) return kNotStarted;
     uint8_t record[values::kPasswdRecordSize];
     if (getDataItemPasswd(id, record) < 0) return kInvalid;
     // Unreachable for such IDs (the read has failed already); kept after it.

@@ -9,7 +9,7 @@
 #include "configmanager/cm_types.h"
 #include "getset/getset.h"
 #include "getset/mac_cache.h"
-#include "lifecycle/state.h"
+#include "process/state.h"
 #include "log/log.h"
 #include "platform/env.h"
 #include "storage/file_state.h"
@@ -54,14 +54,14 @@ int setVariableLogError(int32_t id, const void* value) {
 
 int setVariableCmi(int32_t id, const void* value) {
     constexpr const char* fn = "CM_Set_Variable_CMI";
-    if (lifecycle::ucCMInitialised.load(std::memory_order_relaxed) == 0) return kNotStarted;
+    if (process::ucCMInitialised.load(std::memory_order_relaxed) == 0) return kNotStarted;
     catalogue::Location loc;
     if (!catalogue::toRelative(id, loc)) {
         CM_LOG(log::kErr, fn, "Invalid CM variable ID = %d\n", id);
         return kInvalid;
     }
     if (value == nullptr) return kInvalid;
-    if (pthread_mutex_lock(&lifecycle::mCMMutex) != 0) return kNotStarted;
+    if (pthread_mutex_lock(&process::mCMMutex) != 0) return kNotStarted;
 
     const auto& e = catalogue::entry(loc.iFileIndex, loc.iVarID_Rel);
     const void* data = value;
@@ -90,7 +90,7 @@ int setVariableCmi(int32_t id, const void* value) {
         data = szMACAddress;
     }
     storage::writeDataItem(loc.iFileIndex, loc.iVarID_Rel, data, true);
-    pthread_mutex_unlock(&lifecycle::mCMMutex);
+    pthread_mutex_unlock(&process::mCMMutex);
     return result;
 }
 

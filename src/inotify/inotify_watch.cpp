@@ -1,8 +1,10 @@
 #include "inotify/inotify_watch.h"
 
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -16,6 +18,8 @@ namespace {
 constexpr auto kLogModule = log::Module::FileAccess;
 using namespace storage;
 
+std::atomic<bool> g_recheck[kNumFiles];
+
 // The checks shared by adding and removing a watch.
 bool checkWatchable(int i, const char* fn, bool forAdd) {
     if (!checkOpen(i, fn)) return false;
@@ -24,7 +28,7 @@ bool checkWatchable(int i, const char* fn, bool forAdd) {
         return false;
     }
     if (forAdd && inotifywd[i] >= 0) {
-        CM_LOG(log::kErr, fn, "inotifywd[%d](=%d) already assigned\n", i, inotifywd[i]);
+        CM_LOG(log::kErr, fn, "inotifywd[%d](=%d) already assigned\n", i, inotifywd[i].load());
         return false;
     }
     return true;
@@ -37,6 +41,8 @@ int addInotifyWatch(int i) {
     const int wd = inotify_add_watch(process::inotifyfd.load(), pathOf(i), kWatchMask);
     if (wd < 0) {
         const int e = errno;
+        // Gone again before the watch was in place.
+        if (e == ENOENT) markForRecheck(i);
         CM_LOG_TAGGED(log::kErr, "**ERROR: CM_AddInotifyWatch, PID=%d. Failed to add '%s' to inotify_add_watch, errno=%d '%s'\n",
                       getpid(), pathOf(i), e, std::strerror(e));
         return -1;
@@ -44,6 +50,7 @@ int addInotifyWatch(int i) {
     inotifywd[i] = wd;
     CM_LOG_TAGGED(log::kDebug, "CM_AddInotifyWatch, PID=%d. Added '%s' to inotify list. inotifywd[] is %d\n", getpid(),
                   pathOf(i), wd);
+    if (pathNamesAnotherFile(i)) markForRecheck(i);
     return 0;
 }
 
@@ -63,6 +70,22 @@ int removeInotifyWatch(int i) {
     }
     if (i >= 0 && i < kNumFiles) inotifywd[i] = -1;
     return rc;
+}
+
+bool pathNamesAnotherFile(int i) {
+    struct stat open{}, named{};
+    const int fd = fdRead[i];
+    if (fd < 0 || fstat(fd, &open) != 0) return false;
+    if (open.st_nlink == 0 || stat(pathOf(i), &named) != 0) return true;
+    return open.st_ino != named.st_ino || open.st_dev != named.st_dev;
+}
+
+void markForRecheck(int i) { g_recheck[i] = true; }
+bool takeRecheck(int i) { return g_recheck[i].exchange(false); }
+bool anyRecheck() {
+    for (const auto& r : g_recheck)
+        if (r.load()) return true;
+    return false;
 }
 
 }  // namespace cm::inotify

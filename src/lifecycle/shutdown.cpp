@@ -17,7 +17,11 @@ constexpr auto kLogModule = log::Module::ConfigParam;
 
 void cleanUp() {
     process::s_bKillCM = 1;
-    watch::wakeWatchThread();
+    // The watch thread may be diffing a mapping or running a callback that
+    // reads one: it ends before the files go.  (On the thread itself, or when
+    // a callback does not return, the files are still released only under
+    // their mutexes, so no reader of this process is left inside a mapping.)
+    watch::joinWatchThread(true);
     storage::releaseResources();
 }
 

@@ -127,8 +127,13 @@ int notify(int32_t id) {
 int notifyRange(int32_t iFirst, int32_t iLast) {
     CM_LOG_TAGGED(log::kDebug, "CM_Notify called for var range %d to %d \n", iFirst, iLast);
     if (!lockRegistry("CM_NotifyRange")) return 0;
-    for (int32_t id = iFirst; id <= iLast; ++id) {
-        const int count = (id >= 0 && id < catalogue::kNumVarIds) ? runCallbacks(id) : 0;
+    // IDs outside 0..3289 have no callbacks and nothing to tell; the walk is
+    // kept to the IDs that exist (a 64-bit counter could not overflow either,
+    // but a range to INT_MAX would take minutes of nothing).
+    const int32_t first = iFirst < 0 ? 0 : iFirst;
+    const int32_t last = iLast >= catalogue::kNumVarIds ? catalogue::kNumVarIds - 1 : iLast;
+    for (int32_t id = first; id <= last; ++id) {
+        const int count = runCallbacks(id);
         if (count > 0) CM_LOG_TAGGED(log::kDebug, "CM - %i notify actions called for variable with ID %d.\n", count, id);
         if (cmsifCallbackInstalled()) maybeTellCmsif(id);
     }

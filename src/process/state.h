@@ -23,6 +23,10 @@ extern pthread_mutex_t mCMMutex;
 // Guards the interest registry; callbacks run while it is held.
 extern pthread_mutex_t mCMcallback;
 
+// In a forked child: makes afresh the two mutexes when a thread of the
+// parent held them at the fork.
+void renewLocksAfterFork();
+
 inline bool started() { return ucCMInitialised.load(std::memory_order_relaxed) >= kStarted; }
 inline bool isMaster() { return bCMmaster.load(std::memory_order_relaxed) != 0; }
 inline bool killRequested() { return s_bKillCM.load(std::memory_order_relaxed) != 0; }

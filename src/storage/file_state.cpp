@@ -12,19 +12,39 @@ namespace {
 constexpr auto kLogModule = log::Module::FileAccess;
 }
 
-int fdRead[kNumFiles] = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
-uint32_t dwLenCorrectFile[kNumFiles] = {};
-uint32_t dwLenActualFile[kNumFiles] = {};
-const uint8_t* pMappedFile[kNumFiles] = {};
-uint32_t dwLenMappedFile[kNumFiles] = {};
+std::atomic<int> fdRead[kNumFiles] = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+std::atomic<uint32_t> dwLenCorrectFile[kNumFiles] = {};
+std::atomic<uint32_t> dwLenActualFile[kNumFiles] = {};
+std::atomic<const uint8_t*> pMappedFile[kNumFiles] = {};
+std::atomic<uint32_t> dwLenMappedFile[kNumFiles] = {};
 uint8_t* pPrevData[kNumFiles] = {};
-uint8_t bBadFile[kNumFiles] = {};
-pthread_mutex_t mtxFile[kNumFiles] = {PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
-                                      PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
-                                      PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
-                                      PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
-                                      PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER};
-int inotifywd[kNumFiles] = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+uint32_t dwLenPrevData[kNumFiles] = {};
+std::atomic<uint8_t> bBadFile[kNumFiles] = {};
+pthread_mutex_t mtxFile[kNumFiles] = {
+    PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP, PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP,
+    PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP, PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP,
+    PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP, PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP,
+    PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP, PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP,
+    PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP, PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP};
+std::atomic<int> inotifywd[kNumFiles] = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+
+int initFileMutex(int i) {
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
+    const int rc = pthread_mutex_init(&mtxFile[i], &attr);
+    pthread_mutexattr_destroy(&attr);
+    return rc;
+}
+
+void renewFileMutexesAfterFork() {
+    for (int i = 0; i < kNumFiles; ++i) {
+        if (pthread_mutex_trylock(&mtxFile[i]) == 0)
+            pthread_mutex_unlock(&mtxFile[i]);
+        else
+            initFileMutex(i);
+    }
+}
 
 uint32_t correctLength(int iFileIndex) {
     const catalogue::ConfigItemList& file = catalogue::sConfigItemList[iFileIndex];

@@ -1,10 +1,10 @@
 #include "storage/record_peek.h"
 
-#include <pthread.h>
-
 #include "catalogue/lookup.h"
-#include "storage/byte_order.h"
+#include "platform/byte_order.h"
 #include "storage/file_state.h"
+#include "storage/lock.h"
+#include "storage/map_guard.h"
 
 namespace cm::storage {
 
@@ -13,20 +13,19 @@ int peekOctet(int32_t id, uint8_t& value) {
     if (!catalogue::locate(id, loc)) return -1;
     const int i = loc.iFileIndex;
     const auto& e = catalogue::entry(i, loc.iVarID_Rel);
-    if (e.wDataSize != 1 || fdRead[i] < 0) return -1;
     const uint32_t offset = e.recordOffset();
-    if (offset == catalogue::kNoRecord) return -1;
+    if (e.wDataSize != 1 || offset == catalogue::kNoRecord) return -1;
+    if (lockMutex(i, "CM_Set_Variable") != 0) return -1;
 
     int result = -1;
-    pthread_mutex_lock(&mtxFile[i]);
-    if (mapped(i) && offset <= dwLenMappedFile[i] && kRecordHeader + 1 <= dwLenMappedFile[i] - offset) {
-        const uint8_t* rec = pMappedFile[i] + offset;
-        if (loadBe16(rec) == static_cast<unsigned>(loc.iVarID_Rel) && loadBe16(rec + 2) == 1) {
-            value = rec[kRecordHeader];
-            result = 0;
-        }
+    uint8_t rec[kRecordHeader + 1];
+    if (mapped(i) && offset <= dwLenMappedFile[i] && sizeof rec <= dwLenMappedFile[i] - offset &&
+        guardedCopy(rec, pMappedFile[i] + offset, sizeof rec) &&
+        platform::loadBe16(rec) == static_cast<unsigned>(loc.iVarID_Rel) && platform::loadBe16(rec + 2) == 1) {
+        value = rec[kRecordHeader];
+        result = 0;
     }
-    pthread_mutex_unlock(&mtxFile[i]);
+    unlockMutex(i, "CM_Set_Variable");
     return result;
 }
 

@@ -16,17 +16,24 @@ constexpr auto kLogModule = log::Module::ConfigParam;
 // The stopping thread and the ending watch thread may both release.
 std::mutex g_releaseMutex;
 
+// Under the file's mutex, so that no thread of the process is inside the
+// mapping or between its lock and unlock calls when the file goes.  A thread
+// that already holds the mutex (EDEADLK) releases its own file.
 void releaseFile(int i, bool destroyMutex) {
-    if (pMappedFile[i] != nullptr) {
-        munmap(const_cast<uint8_t*>(pMappedFile[i]), dwLenMappedFile[i]);
+    const int rc = pthread_mutex_lock(&mtxFile[i]);
+    const uint8_t* map = pMappedFile[i].load();
+    const uint32_t len = dwLenMappedFile[i].load();
+    if (map != nullptr) {
         pMappedFile[i] = nullptr;
         dwLenMappedFile[i] = 0;
+        munmap(const_cast<uint8_t*>(map), len);
     }
-    if (fdRead[i] >= 0) {
-        fsync(fdRead[i]);
-        close(fdRead[i]);
-        fdRead[i] = -1;
+    const int fd = fdRead[i].exchange(-1);
+    if (fd >= 0) {
+        fsync(fd);
+        close(fd);
     }
+    if (rc == 0) pthread_mutex_unlock(&mtxFile[i]);
     if (destroyMutex) pthread_mutex_destroy(&mtxFile[i]);
 }
 
