@@ -29,6 +29,9 @@ union ValueBuffer {
     char bytes[text::kTextSize];
 };
 
+// Other threads read the exported switch without a lock: write it whole.
+void setConsoleLog(int value) { __atomic_store_n(&g_iConsoleLog, value, __ATOMIC_RELAXED); }
+
 struct IdentityRegistration {
     int32_t id;
     const char* szMessage;
@@ -123,11 +126,11 @@ int fnActionConsoleLog(int32_t varId) {
     (void)varId;
     ValueBuffer v{};
     if (getset::getVariable(CONSOLE_LOG, &v) != 0) {
-        g_iConsoleLog = 0;
+        setConsoleLog(0);
         CM_LOG(kConsoleError, "fnActionConsoleLog", "CM_Get_Variable error for CONSOLE_LOG - assume CONSOLE_LOG is GD_OFF\n");
         return 0;
     }
-    g_iConsoleLog = v.u8 == kConsoleOn ? 1 : 0;
+    setConsoleLog(v.u8 == kConsoleOn ? 1 : 0);
     return 0;
 }
 
