@@ -4,11 +4,11 @@
 
 #include "applog/remote_log.h"
 #include "configmanager/applog.h"
-#include "getset/getset.h"
-#include "text/value_text.h"
 #include "configmanager/cm_vars.h"
+#include "getset/getset.h"
 #include "log/log.h"
 #include "notify/registry.h"
+#include "text/value_text.h"
 
 namespace cm::applog {
 namespace {
