@@ -21,7 +21,6 @@
 #include "platform/paths.h"
 #include "storage/file_state.h"
 #include "support/agent.h"
-#include "storage/file_state.h"
 #include "support/test_support.h"
 
 using namespace std::chrono_literals;
@@ -150,8 +149,7 @@ TEST_F(GetSet, PasswordFailureLeavesTheSetMutexHeldByTheCaller) {
     port = 7001;
     std::thread other([&] { result = CM_Set_Variable(CURRENT_CMS_PORT_ADDRESS, &port); });
     EXPECT_FALSE(cmtest::waitFor([&] { return result != 1; }, 300ms));  // blocked on the mutex
-    pthread_mutex_unlock(&cm::process::mCMMutex);
-    pthread_mutex_unlock(&cm::process::mCMMutex);
+    pthread_mutex_unlock(&cm::process::mCMMutex);  // the one hold the failure left
     other.join();
     EXPECT_EQ(result, 0);
     uint16_t got = 0;

@@ -27,8 +27,6 @@ LAYERS = [
     "setup",      # checking, repairing and watching one data file
     "watch",      # the watch thread and its per-file actions
     "lifecycle",  # start and stop
-    "getset",     # get and set by absolute ID
-    "text",       # text forms of values
     "applog",     # log settings that follow variables, remote log events
     "batch",      # batch changes and profile downloads
     "defaults",   # loading general, factory and all defaults
