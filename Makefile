@@ -5,6 +5,7 @@
 #                         tests under qemu, compare data files with the native build
 #   make install PREFIX=  install library, headers and pkg-config file
 #   make install-check    install into a scratch prefix and build a C program against it
+#   make check-leaks      run the tests and check they touched nothing outside their roots
 #   make test-asan        build into build-asan/ with the address and undefined-behaviour
 #                         sanitizers, run every test (halts on the first report)
 #   make test-tsan        build into build-tsan/ with the thread sanitizer, run every test
@@ -78,6 +79,11 @@ install-check: build
 	    -Wl,-rpath,$$(pkg-config --variable=libdir configmanager)
 	$(INSTALL_CHECK_DIR)/c_api_check
 
+# Runs the suite and fails when it touched anything outside its temporary
+# roots (/tmp, /var/log, /var/www, /etc/pki, /home, /root, message queues).
+.PHONY: check-leaks
+check-leaks: build
+	tools/check-no-leaks.sh ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 # Sanitizer legs.  The options are set here, so that a plain ctest in the
 # build directory runs without them; run through these targets.
 BUILD_ASAN ?= build-asan

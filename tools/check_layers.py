@@ -32,6 +32,9 @@ LAYERS = [
     "tags",       # the sorted tag table, its cache, lookups by tag
     "backup",     # the configuration backup text
     "restore",    # restore from a backup text, with a filter
+    "applog",     # log settings that follow variables, remote log events
+    "batch",      # batch changes and profile downloads
+    "defaults",   # loading general, factory and all defaults
     "capi",       # the exported C functions
 ]
 

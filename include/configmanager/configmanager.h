@@ -12,6 +12,9 @@
 
 #include "configmanager/applog.h"
 #include "configmanager/cm_backup.h"
+#include "configmanager/applog_settings.h"
+#include "configmanager/cm_batch.h"
+#include "configmanager/cm_defaults.h"
 #include "configmanager/cm_getset.h"
 #include "configmanager/cm_lifecycle.h"
 #include "configmanager/cm_lookup.h"
