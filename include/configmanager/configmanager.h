@@ -11,8 +11,8 @@
 #define CONFIGMANAGER_CONFIGMANAGER_H
 
 #include "configmanager/applog.h"
-#include "configmanager/cm_backup.h"
 #include "configmanager/applog_settings.h"
+#include "configmanager/cm_backup.h"
 #include "configmanager/cm_batch.h"
 #include "configmanager/cm_defaults.h"
 #include "configmanager/cm_getset.h"
