@@ -137,6 +137,8 @@ TEST_F(Hardening, DeletingAFileUnderReadersNeverWedgesIt) {
 TEST_F(Hardening, ShrinkingAFileUnderAMappingNeverRaisesSigbus) {
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "under the thread sanitizer a SIGBUS in a forked child is not handed to the guard";
+#elif defined(CM_TEST_UNDER_EMULATOR)
+    GTEST_SKIP() << "the user-mode emulator does not hand a SIGBUS of a cut mapping to the guard";
 #endif
     EXPECT_CHILD_OK(inChild([&] {
         cmtest::FastEnv fast;  // the master's growth wait in microseconds
@@ -179,6 +181,8 @@ TEST_F(Hardening, ShrinkingAFileUnderAMappingNeverRaisesSigbus) {
 TEST_F(Hardening, ChildForkedAfterStartCanRestart) {
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the thread sanitizer cannot follow threads started in a child of a threaded process";
+#elif defined(CM_TEST_UNDER_EMULATOR)
+    GTEST_SKIP() << "the user-mode emulator aborts on a fork of a process that runs threads";
 #endif
     static std::atomic<int> heard{0};
     const int32_t id = firstOfType(2, DT_DWORD);
@@ -362,6 +366,15 @@ public:
     std::atomic<bool> armed{false}, done{false};
 };
 
+int descriptorsOf(const std::string& path) {
+    int n = 0;
+    for (const auto& e : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code ec;
+        if (std::filesystem::read_symlink(e.path(), ec) == path) ++n;
+    }
+    return n;
+}
+
 // Opening an open file again keeps its one descriptor; a file deleted again
 // before its new watch is in place is still noticed and re-created.
 TEST_F(Hardening, ReopenedFilesKeepTheirDescriptorAndRedeletedOnesComeBack) {
@@ -370,11 +383,12 @@ TEST_F(Hardening, ReopenedFilesKeepTheirDescriptorAndRedeletedOnesComeBack) {
     log::dwLogFilter = 7;
     ASSERT_EQ(CM_init(1), 0);
     const int fd = storage::fdRead[kCt];
-    const auto before = std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     EXPECT_EQ(CM_OpenOrCreateFile(kCt), 0);
     EXPECT_EQ(CM_OpenFile(kCt), 0);
     EXPECT_EQ(storage::fdRead[kCt], fd);
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}), before);
+    // Only descriptors of the file itself count: the watch thread may hold
+    // others for a moment.
+    EXPECT_EQ(descriptorsOf(ct()), 1);
     sink.armed = true;
     unlink(ct());
     EXPECT_TRUE(cmtest::waitFor([&] { return sink.done && sizeOf(ct()) == correct(); }, 5s));
