@@ -5,17 +5,22 @@
 #                         tests under qemu, compare data files with the native build
 #   make install PREFIX=  install library, headers and pkg-config file
 #   make install-check    install into a scratch prefix and build a C program against it
+#   make demo             the library at work, driven by cmctl, in a temporary device tree
+#   make deps             install the Debian packages of the native build (tools/install-deps.sh)
 BUILD ?= build
 BUILD_BE ?= build-be
 PREFIX ?= /usr/local
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all build test test-be build-be be-sysroot compare-be install install-check clean
+.PHONY: all build test test-be build-be be-sysroot compare-be install install-check clean demo deps
 
 all: build
 
+# Before the first configure, say which command installs a missing package
+# (or install it, when run as root with apt-get).
 $(BUILD)/CMakeCache.txt:
+	@tools/install-deps.sh --check
 	cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(CMAKE_FLAGS)
 
 build: $(BUILD)/CMakeCache.txt
@@ -65,6 +70,13 @@ install-check: build
 	    $$(pkg-config --cflags --libs configmanager) \
 	    -Wl,-rpath,$$(pkg-config --variable=libdir configmanager)
 	$(INSTALL_CHECK_DIR)/c_api_check
+
+deps:
+	tools/install-deps.sh --native
+
+# Master, watcher and cmctl in a temporary device tree; removes the tree.
+demo: build
+	tools/demo.sh $(BUILD)
 
 clean:
 	rm -rf $(BUILD) $(BUILD_BE)
