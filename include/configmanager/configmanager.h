@@ -3,13 +3,15 @@
  *
  * Include this header for the whole C interface: result codes and data
  * types, the variable ID constants (generated from the catalogue), lookups,
- * record storage, start and stop, change notification and the log gate.
+ * record storage, get and set, value texts and passwords, start and stop,
+ * change notification and the log gate.
  * cm_host.h holds host and test extensions that the device does not use.
  */
 #ifndef CONFIGMANAGER_CONFIGMANAGER_H
 #define CONFIGMANAGER_CONFIGMANAGER_H
 
 #include "configmanager/applog.h"
+#include "configmanager/cm_getset.h"
 #include "configmanager/cm_lifecycle.h"
 #include "configmanager/cm_lookup.h"
 #include "configmanager/cm_notify.h"
