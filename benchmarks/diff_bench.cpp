@@ -12,11 +12,11 @@
 #include <filesystem>
 #include <string>
 
-#include "lifecycle/state.h"
 #include "log/log.h"
 #include "platform/paths.h"
+#include "process/state.h"
+#include "setup/setup.h"
 #include "storage/file_state.h"
-#include "storage/setup.h"
 #include "watch/file_change.h"
 
 namespace {
@@ -30,8 +30,8 @@ struct CtFile {
         std::filesystem::create_directories(dir + "/var/AppData/config");
         cm::paths::setRoot(dir);
         cm::log::oLogMode = 0;  // keep the set-up quiet
-        cm::lifecycle::bCMmaster = 1;
-        cm::storage::setUpConfigFile(kCt);
+        cm::process::bCMmaster = 1;
+        cm::setup::setUpConfigFile(kCt);
     }
     ~CtFile() { std::filesystem::remove_all(dir); }
     std::string dir;

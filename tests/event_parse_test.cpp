@@ -5,11 +5,11 @@
 #include <cstring>
 #include <vector>
 
+#include "inotify/event_parse.h"
 #include "storage/file_state.h"
 #include "support/test_support.h"
-#include "watch/event_parse.h"
 
-using namespace cm::watch;
+using namespace cm::inotify;
 
 namespace {
 

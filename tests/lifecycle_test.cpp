@@ -111,7 +111,7 @@ TEST_F(Lifecycle, OnlyTheGeneralFileDecidesTheBanner) {
     ASSERT_EQ(CM_init(1), 0);
     ASSERT_EQ(CM_Exit(), 0);
     restart();
-    const std::string general = cm::paths::dataFile(9);
+    const std::string general = cm::storage::pathOf(9);
     ASSERT_EQ(rename(general.c_str(), (general + ".away").c_str()), 0);
     ASSERT_EQ(mkdir(general.c_str(), 0755), 0);  // a directory cannot be opened for writing
     ASSERT_EQ(CM_init(0), 0);
@@ -148,7 +148,7 @@ TEST_F(Lifecycle, MasterWaitsForAShortFileThenRepairsIt) {
     cmtest::FastEnv env;
     ASSERT_EQ(CM_init(1), 0);
     ASSERT_EQ(CM_Register_Interest(WD_LOG_MODE, heard), 0);
-    const std::string wd = cm::paths::dataFile(6);
+    const std::string wd = cm::storage::pathOf(6);
     const std::string good = cmtest::readFile(wd);
     ASSERT_EQ(truncate(wd.c_str(), 20), 0);
     // 50 pauses of 100 ms for the file to grow, then a rewrite from defaults

@@ -10,7 +10,7 @@
 #include "catalogue/lookup.h"
 #include "configmanager/cm_lookup.h"
 #include "configmanager/cm_vars.h"
-#include "lifecycle/state.h"
+#include "process/state.h"
 #include "support/test_support.h"
 
 namespace {
@@ -102,7 +102,7 @@ TEST_F(Lookup, ReportableWalk) {
 
 TEST_F(Lookup, NamesAndTags) {
     EXPECT_STREQ(CM_GetDataItemVariableName(UNIT_NAME), "(not initialised)");
-    cm::lifecycle::ucCMInitialised = cm::lifecycle::kStarted;
+    cm::process::ucCMInitialised = cm::process::kStarted;
     EXPECT_STREQ(CM_GetDataItemVariableName(UNIT_NAME), "UNIT_NAME");
     EXPECT_STREQ(CM_GetDataItemVariableName(3290), "(invalid iVarID_Abs)");
     EXPECT_STREQ(CM_GetDataItemVariableName(203), "(invalid iVarID_Abs)");

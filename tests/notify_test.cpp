@@ -7,9 +7,9 @@
 #include "configmanager/cm_lifecycle.h"
 #include "configmanager/cm_notify.h"
 #include "configmanager/cm_vars.h"
-#include "lifecycle/state.h"
 #include "notify/var_list.h"
 #include "platform/paths.h"
+#include "process/state.h"
 #include "storage/record.h"
 #include "support/test_support.h"
 
@@ -42,13 +42,13 @@ TEST_F(Registry, RefusalsPairTheirMessagesAsCallersExpect) {
     EXPECT_EQ(CM_Register_Interest(3290, cbA), CM_ERR_NOT_STARTED_OR_ID);
     EXPECT_TRUE(sink.contains("CM lib not initialised, for CM var ID=3290 function 0x"));
     EXPECT_EQ(CM_Unregister_Interest(5, cbA), CM_ERR_INVALID);
-    cm::lifecycle::ucCMInitialised = cm::lifecycle::kStarted;
+    cm::process::ucCMInitialised = cm::process::kStarted;
     EXPECT_EQ(CM_Register_Interest(3290, cbA), CM_ERR_NOT_STARTED_OR_ID);
     EXPECT_EQ(CM_Unregister_Interest(3290, cbA), CM_ERR_NOT_STARTED_OR_ID);
 }
 
 TEST_F(Registry, CallbacksRunInRegistrationOrderAndUnregisterRelinks) {
-    cm::lifecycle::ucCMInitialised = cm::lifecycle::kStarted;
+    cm::process::ucCMInitialised = cm::process::kStarted;
     ASSERT_EQ(CM_Register_Interest(7, cbA), 0);
     ASSERT_EQ(CM_Register_Interest(7, cbB), 0);
     ASSERT_EQ(CM_Register_Interest(8, cbA), 0);  // one function, many variables

@@ -3,16 +3,17 @@
 #include <gtest/gtest.h>
 
 #include "catalogue/catalogue.h"
-#include "lifecycle/state.h"
 #include "platform/paths.h"
+#include "process/state.h"
+#include "setup/setup.h"
 #include "storage/byte_order.h"
 #include "storage/file_state.h"
 #include "storage/open_map.h"
 #include "storage/record.h"
-#include "storage/setup.h"
 #include "support/test_support.h"
 
 using namespace cm::storage;
+using namespace cm::setup;
 
 namespace {
 
@@ -32,9 +33,9 @@ protected:
         cmtest::resetLibraryState();
         cm::paths::setRoot(root.dir());
     }
-    std::string path() const { return cm::paths::dataFile(kRed); }
+    std::string path() const { return cm::storage::pathOf(kRed); }
     int setUpAs(bool master) {
-        cm::lifecycle::bCMmaster = master;
+        cm::process::bCMmaster = master;
         return setUpConfigFile(kRed);
     }
     static uint32_t offsetOf(int rel) {

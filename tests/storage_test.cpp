@@ -54,7 +54,7 @@ protected:
     void SetUp() override {
         cmtest::resetLibraryState();
         cm::paths::setRoot(root.dir());
-        path = cm::paths::dataFile(kRed);
+        path = cm::storage::pathOf(kRed);
     }
     void TearDown() override { cmtest::resetLibraryState(); }
     void openDefaulted(int i = kRed) {
@@ -62,7 +62,7 @@ protected:
         ASSERT_EQ(writeDefaultData(i, true, false), 0);
     }
     static std::string at(uint32_t offset, size_t n, int i = kRed) {
-        return cmtest::readFile(cm::paths::dataFile(i)).substr(offset, n);
+        return cmtest::readFile(cm::storage::pathOf(i)).substr(offset, n);
     }
     static void poke(uint32_t offset, const std::string& b) {
         ASSERT_EQ(pwrite(fdRead[kRed], b.data(), b.size(), offset), static_cast<ssize_t>(b.size()));
@@ -252,8 +252,12 @@ TEST_F(Storage, LockWaitsForAnotherProcessAndBacksOffWhenInterrupted) {
     char c;
     ASSERT_EQ(read(p[0], &c, 1), 1);  // EOF if the holder ended
     close(p[0]);
-    std::atomic<bool> got{false};
-    std::thread t([&] { if (!(got = lockFile(kRed, 9, 8) == 0)) unlockFile(kRed, 9, 8); });
+    std::atomic<bool> got{false}, release{false};
+    std::thread t([&] {  // the lock's owner releases it, when told
+        got = lockFile(kRed, 9, 8) == 0;
+        while (!release) std::this_thread::sleep_for(1ms);
+        unlockFile(kRed, 9, 8);
+    });
     std::this_thread::sleep_for(100ms);
     EXPECT_TRUE(env.sleeps().empty());  // plain waiting is no back-off
     for (int n = 0; n < 2000 && env.sleeps().size() < 3; ++n, std::this_thread::sleep_for(5ms))
@@ -261,9 +265,8 @@ TEST_F(Storage, LockWaitsForAnotherProcessAndBacksOffWhenInterrupted) {
     EXPECT_FALSE(got);
     kill(holder, SIGKILL);
     waitpid(holder, nullptr, 0);
-    t.join();
+    ASSERT_TRUE(cmtest::waitFor([&] { return got.load(); }));
     sigaction(SIGUSR1, &old, nullptr);
-    ASSERT_TRUE(got);
     const auto sleeps = env.sleeps();
     EXPECT_GE(sleeps.size(), 3u);
     EXPECT_EQ(sleeps, decltype(sleeps)(sleeps.size(), 112345us));
@@ -271,7 +274,8 @@ TEST_F(Storage, LockWaitsForAnotherProcessAndBacksOffWhenInterrupted) {
     std::thread other([&] { lockFile(kRed, 50, 1), got = false, unlockFile(kRed, 50, 1); });
     std::this_thread::sleep_for(50ms);
     EXPECT_TRUE(got);
-    EXPECT_EQ(unlockFile(kRed, 9, 8), 0);
+    release = true;
+    t.join();
     other.join();
     EXPECT_FALSE(got);
 }
@@ -280,7 +284,7 @@ TEST_F(Storage, LockWaitsForAnotherProcessAndBacksOffWhenInterrupted) {
 // leaves the mutex held until the caller's unlock.
 TEST_F(Storage, LockFailureLeavesTheMutexHeldUntilUnlock) {
     openDefaulted();
-    close(std::exchange(fdRead[kRed], open(path, O_RDONLY)));
+    close(fdRead[kRed].exchange(open(path, O_RDONLY)));
     EXPECT_EQ(lockFile(kRed, 0, 0), -1);
     EXPECT_FALSE(mutexFree());
     EXPECT_EQ(unlockFile(kRed, 0, 0), 0);

@@ -26,7 +26,7 @@ class MultiProcess : public ::testing::Test {
 protected:
     void SetUp() override { cmtest::resetLibraryState(); }
     void TearDown() override { cmtest::resetLibraryState(); }
-    std::string fileOf(int i) const { return cm::paths::dataFile(i); }
+    std::string fileOf(int i) const { return cm::storage::pathOf(i); }
     cmtest::TempRoot root;
 };
 

@@ -23,8 +23,9 @@
 
 CM_EXTERN_C_BEGIN
 
-/* Reads a variable.  0; -12 library not started, or ID above 3289; -15 read
- * failed.  Nothing is written to pValue on -12. */
+/* Reads a variable.  0; -12 library not started; -15 read failed (also for
+ * an ID outside 0..3289, or a null pValue).  Nothing is written to pValue
+ * on -12. */
 CM_EXPORT int CM_Get_Variable(int32_t iVarID_Abs, void* pValue);
 
 /* As CM_Get_Variable; a failure is also logged with the variable's name. */

@@ -36,6 +36,8 @@ CM_EXPORT int CM_RemoveInotifyWatch(int32_t iFileIndex);
  * variable, setting one bit of a changed-variable list, and the watch
  * thread's body (the argument is ignored). */
 CM_EXPORT void CM_MaybeTellCMSIF(int32_t iVarID_Abs);
+/* CM_Add_To_List ignores a null list (0); an ID outside 0..3290 would fall
+ * outside the list and gives -15 with a message. */
 CM_EXPORT int CM_Add_To_List(uint8_t* pList, int32_t iVarID_Abs);
 CM_EXPORT void* CM_ReadThread(void* pArg);
 

@@ -53,6 +53,9 @@ CM_EXPORT int CM_RemapFile(int32_t iFileIndex, uint32_t length);
  * against.  0, or -1 when the file is not mapped or memory runs out. */
 CM_EXPORT int CM_InitialisePrevData(int32_t iFileIndex);
 
+/* Every function below that takes a value buffer fails with -1 and a
+ * message when the buffer is null. */
+
 /* Reads a record from the mapping into pData (at least the variable's
  * stored size).  0, or -1 (bad index or record, not mapped, header wrong). */
 CM_EXPORT int CM_ReadDataItem(int32_t iFileIndex, int32_t iVarID_Rel, void* pData);

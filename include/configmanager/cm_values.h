@@ -65,9 +65,9 @@ CM_EXPORT int CM_Get_Var_Value_As_String(int32_t iVarID_Abs, char* szText);
 CM_EXPORT int CM_PutDataItemFromString(int32_t iVarID_Abs, const char* szText);
 
 /* Deciphers a password variable into szPlain (at least 128 bytes, always
- * zero-terminated; empty on failure).  0; -12 library not started or ID
- * above 3289; -15 any other failure (including a variable that is not a
- * password). */
+ * zero-terminated; empty on failure).  0; -12 library not started; -15 any
+ * other failure (an ID outside 0..3289 or of a variable that is not a
+ * password, a stored length above 128, a record that does not decipher). */
 CM_EXPORT int CM_Get_Passwd(int32_t iVarID_Abs, char* szPlain);
 
 /* Reads a password variable's 130-byte stored record unchanged.  The record

@@ -3,9 +3,9 @@
 
 #include "catalogue/lookup.h"
 #include "configmanager/cm_lookup.h"
-#include "lifecycle/state.h"
 #include "log/log.h"
 #include "platform/env.h"
+#include "process/state.h"
 
 using namespace cm;
 using catalogue::Location;
@@ -86,7 +86,7 @@ CM_EXPORT int CM_ItemoDataTypeIsDT_PASSWORD(int32_t iFileIndex, int32_t iVarID_R
 }
 
 CM_EXPORT const char* CM_GetDataItemVariableName(int32_t iVarID_Abs) {
-    if (!lifecycle::started()) return "(not initialised)";
+    if (!process::started()) return "(not initialised)";
     const char* tag = catalogue::tagOf(iVarID_Abs);
     return tag ? tag : "(invalid iVarID_Abs)";
 }

@@ -2,6 +2,7 @@
 #include "configmanager/cm_notify.h"
 #include "notify/registry.h"
 #include "notify/var_list.h"
+#include "storage/notified_value.h"
 
 using namespace cm;
 
@@ -18,5 +19,7 @@ CM_EXPORT int CM_Note_Var_Unchanged(int32_t id) { return notify::noteVarUnchange
 CM_EXPORT int CM_Get_Var_List(uint8_t* pDest) { return notify::getVarList(pDest); }
 CM_EXPORT int32_t CM_Get_Next_Variable(uint8_t* pCopy, int32_t prev) { return notify::getNextVariable(pCopy, prev); }
 CM_EXPORT int CM_Clear_Var_List(void) { return notify::clearVarList(); }
+
+CM_EXPORT int CM_GetNotifiedDataItem(int32_t id, void* pData) { return storage::getNotifiedDataItem(id, pData); }
 
 }

@@ -6,17 +6,18 @@
 
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 
 #include "catalogue/catalogue.h"
 #include "configmanager/cm_lifecycle.h"
 #include "lifecycle/shutdown.h"
-#include "lifecycle/state.h"
 #include "log/log.h"
 #include "notify/registry.h"
 #include "platform/env.h"
+#include "process/state.h"
+#include "setup/setup.h"
 #include "storage/file_state.h"
 #include "storage/open_map.h"
-#include "storage/setup.h"
 #include "watch/watch_thread.h"
 
 namespace cm::lifecycle {
@@ -27,9 +28,24 @@ constexpr uint32_t kStartErr = 291, kStartWarn = 292, kStartNotice = 293, kStart
 constexpr uint32_t kNotStartedWarn = 36;
 
 using storage::kNumFiles;
+using namespace process;
 
 void alreadyStartedWarning(const char* fn) {
     CM_LOG(kStartWarn, fn, "Warning, CM already initialised..., ID=%d\n", getpid());
+}
+
+// A child forked after a start inherits the library's state but none of its
+// other threads: it forgets the parent's watch thread and renews any lock a
+// vanished thread held, so that it can stop and start the library again.
+void afterForkInChild() {
+    watch::forgetThreadAfterFork();
+    storage::renewFileMutexesAfterFork();
+    renewLocksAfterFork();
+}
+
+void prepareForForks() {
+    static std::once_flag once;
+    std::call_once(once, [] { pthread_atfork(nullptr, nullptr, afterForkInChild); });
 }
 
 bool notStarted(const char* fn) {
@@ -48,6 +64,10 @@ int init(int iMaster) {
         alreadyStartedWarning("CM_init");
         return CM_ERR_ALREADY_STARTED;
     }
+    prepareForForks();
+    // The thread of an earlier start must be gone before mCMMutex is taken:
+    // one of its callbacks may be waiting for mCMMutex in a set.
+    watch::waitForStaleWatchThread();
     if (pthread_mutex_lock(&mCMcallback) != 0) {
         CM_LOG(kStartErr, "CM_init", "CM - mCMcallback lock failed.\n");
         return CM_FAIL;
@@ -82,13 +102,13 @@ int fileAccessInit() {
     for (int i = 0; i < kNumFiles; ++i) {
         storage::fdRead[i] = -1;
         storage::inotifywd[i] = -1;
-        const int rc = pthread_mutex_init(&storage::mtxFile[i], nullptr);
+        const int rc = storage::initFileMutex(i);
         if (rc != 0) {
             CM_LOG_TAGGED(kStartErr, "**ERROR: PID=%d. File '%s' - Failed to initialise CM mutex, error=%d '%s'\n",
                           getpid(), storage::pathOf(i), rc, std::strerror(rc));
             return -1;
         }
-        result = storage::setUpConfigFile(i);
+        result = setup::setUpConfigFile(i);
     }
     const int rc = watch::startWatchThread();
     if (rc != 0) {
@@ -113,6 +133,7 @@ int initNoRegister() {
         alreadyStartedWarning("CM_initNoRegister");
         return CM_ERR_ALREADY_STARTED;
     }
+    prepareForForks();
     fileAccessInitNoRegister();
     ucCMInitialised = kStarted;
     return CM_OK;
@@ -130,7 +151,7 @@ int fileAccessInitNoRegister() {
         storage::pMappedFile[i] = nullptr;
         storage::dwLenMappedFile[i] = 0;
         storage::dwLenActualFile[i] = 0;
-        const int rc = pthread_mutex_init(&storage::mtxFile[i], nullptr);
+        const int rc = storage::initFileMutex(i);
         if (rc != 0) {
             CM_LOG_TAGGED(kStartErr, "**ERROR: PID=%d. CM data file [%d] '%s' - Failed to initialise CM mutex, error=%d '%s'\n",
                           getpid(), i, storage::pathOf(i), rc, std::strerror(rc));
@@ -138,7 +159,7 @@ int fileAccessInitNoRegister() {
             continue;
         }
         result = storage::openFile(i);
-        if (result >= 0) result = storage::initialiseDataStruct(i, false, false);
+        if (result >= 0) result = setup::initialiseDataStruct(i, false, false);
     }
     return result;
 }

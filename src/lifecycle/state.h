@@ -1,27 +1,9 @@
-// Process-wide start/stop state of the library.
+// The process-wide state now lives in process/state.h; this header keeps
+// code that still names it through lifecycle:: compiling.
 #pragma once
 
-#include <pthread.h>
-
-#include <atomic>
-#include <cstdint>
+#include "process/state.h"
 
 namespace cm::lifecycle {
-
-inline constexpr uint8_t kStarted = 2;  // value of ucCMInitialised once started
-
-extern std::atomic<uint8_t> ucCMInitialised;  // 0 not started, 2 started
-extern std::atomic<uint8_t> bCMmaster;        // this process creates and repairs files
-extern std::atomic<uint8_t> s_bKillCM;        // tells the watch thread to end
-extern std::atomic<int> inotifyfd;            // the process's inotify descriptor, -1 when none
-
-// Recursive; serialises the full start and the get and set operations.
-extern pthread_mutex_t mCMMutex;
-// Guards the interest registry; callbacks run while it is held.
-extern pthread_mutex_t mCMcallback;
-
-inline bool started() { return ucCMInitialised.load(std::memory_order_relaxed) >= kStarted; }
-inline bool isMaster() { return bCMmaster.load(std::memory_order_relaxed) != 0; }
-inline bool killRequested() { return s_bKillCM.load(std::memory_order_relaxed) != 0; }
-
+using namespace cm::process;
 }  // namespace cm::lifecycle

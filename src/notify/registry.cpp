@@ -4,9 +4,9 @@
 #include <cstring>
 
 #include "catalogue/catalogue.h"
-#include "lifecycle/state.h"
 #include "log/log.h"
 #include "notify/var_list.h"
+#include "process/state.h"
 
 namespace cm::notify {
 namespace {
@@ -41,7 +41,7 @@ int runCallbacks(int32_t id) {
 }
 
 bool lockRegistry(const char* fn) {
-    const int rc = pthread_mutex_lock(&lifecycle::mCMcallback);
+    const int rc = pthread_mutex_lock(&process::mCMcallback);
     if (rc == 0) return true;
     CM_LOG(log::kErr, fn, "CM - mCMcallback lock failed in CM_Notify: %s\n", std::strerror(rc));
     return false;
@@ -57,7 +57,7 @@ int registerInterest(int32_t id, CM_NotifyCallback pfnCallback) {
     }
     // The message texts are crossed with the codes on purpose: callers match
     // on both as they have always been paired.
-    if (lifecycle::ucCMInitialised == 0) {
+    if (process::ucCMInitialised == 0) {
         if (id > catalogue::kMaxVarId) {
             CM_LOG(kRegErr, fn, "CM lib not initialised, for CM var ID=%d function 0x%p\n", id, asPtr(pfnCallback));
             return CM_ERR_NOT_STARTED_OR_ID;
@@ -69,7 +69,7 @@ int registerInterest(int32_t id, CM_NotifyCallback pfnCallback) {
         CM_LOG(kRegErr, fn, "CM lib not initialised, for CM var ID=%d function 0x%p\n", id, asPtr(pfnCallback));
         return CM_ERR_NOT_STARTED_OR_ID;
     }
-    if (id < 0 || pthread_mutex_lock(&lifecycle::mCMcallback) != 0) {
+    if (id < 0 || pthread_mutex_lock(&process::mCMcallback) != 0) {
         // A negative ID would index outside the registry; it is refused as a bad ID.
         CM_LOG(kRegErr, fn, "Bad CM var ID=%d for function 0x%p\n", id, asPtr(pfnCallback));
         return CM_ERR_INVALID;
@@ -79,7 +79,7 @@ int registerInterest(int32_t id, CM_NotifyCallback pfnCallback) {
         if ((*link)->pfnCallback == pfnCallback) {
             CM_LOG(kRegNotice, fn, "Ignored repeated register of function 0x%p for CM var ID=%d\n",
                    asPtr(pfnCallback), id);
-            pthread_mutex_unlock(&lifecycle::mCMcallback);
+            pthread_mutex_unlock(&process::mCMcallback);
             return CM_ERR_REPEATED;
         }
     }
@@ -87,30 +87,30 @@ int registerInterest(int32_t id, CM_NotifyCallback pfnCallback) {
     if (node == nullptr) {
         CM_LOG(kRegErr, fn, "Failed malloc(%zu) to register function 0x%p for CM var ID=%d\n", sizeof(Node),
                asPtr(pfnCallback), id);
-        pthread_mutex_unlock(&lifecycle::mCMcallback);
+        pthread_mutex_unlock(&process::mCMcallback);
         return CM_ERR_NULL_OR_NOMEM;
     }
     *node = {pfnCallback, nullptr};
     *link = node;
-    pthread_mutex_unlock(&lifecycle::mCMcallback);
+    pthread_mutex_unlock(&process::mCMcallback);
     return CM_OK;
 }
 
 int unregisterInterest(int32_t id, CM_NotifyCallback pfnCallback) {
     if (id > catalogue::kMaxVarId) return CM_ERR_NOT_STARTED_OR_ID;
-    if (lifecycle::ucCMInitialised == 0 || id < 0) return CM_ERR_INVALID;
-    if (pthread_mutex_lock(&lifecycle::mCMcallback) != 0) return CM_ERR_INVALID;
+    if (process::ucCMInitialised == 0 || id < 0) return CM_ERR_INVALID;
+    if (pthread_mutex_lock(&process::mCMcallback) != 0) return CM_ERR_INVALID;
     for (Node** link = &NotifyList[id]; *link != nullptr; link = &(*link)->pNext) {
         if ((*link)->pfnCallback == pfnCallback) {
             Node* gone = *link;
             *link = gone->pNext;
             std::free(gone);
-            pthread_mutex_unlock(&lifecycle::mCMcallback);
+            pthread_mutex_unlock(&process::mCMcallback);
             return CM_OK;
         }
     }
     CM_LOG(log::kErr, "CM_Unregister_Interest", "VarId %d not registered, ignore request\n", id);
-    pthread_mutex_unlock(&lifecycle::mCMcallback);
+    pthread_mutex_unlock(&process::mCMcallback);
     return CM_OK;
 }
 
@@ -120,19 +120,24 @@ int notify(int32_t id) {
     const int count = (id >= 0 && id < catalogue::kNumVarIds) ? runCallbacks(id) : 0;
     CM_LOG_TAGGED(log::kDebug, "CM - Notified %i tasks of the change to variable with ID %d.\n", count, id);
     if (cmsifCallbackInstalled()) maybeTellCmsif(id);
-    pthread_mutex_unlock(&lifecycle::mCMcallback);
+    pthread_mutex_unlock(&process::mCMcallback);
     return 0;
 }
 
 int notifyRange(int32_t iFirst, int32_t iLast) {
     CM_LOG_TAGGED(log::kDebug, "CM_Notify called for var range %d to %d \n", iFirst, iLast);
     if (!lockRegistry("CM_NotifyRange")) return 0;
-    for (int32_t id = iFirst; id <= iLast; ++id) {
-        const int count = (id >= 0 && id < catalogue::kNumVarIds) ? runCallbacks(id) : 0;
+    // IDs outside 0..3289 have no callbacks and nothing to tell; the walk is
+    // kept to the IDs that exist (a 64-bit counter could not overflow either,
+    // but a range to INT_MAX would take minutes of nothing).
+    const int32_t first = iFirst < 0 ? 0 : iFirst;
+    const int32_t last = iLast >= catalogue::kNumVarIds ? catalogue::kNumVarIds - 1 : iLast;
+    for (int32_t id = first; id <= last; ++id) {
+        const int count = runCallbacks(id);
         if (count > 0) CM_LOG_TAGGED(log::kDebug, "CM - %i notify actions called for variable with ID %d.\n", count, id);
         if (cmsifCallbackInstalled()) maybeTellCmsif(id);
     }
-    pthread_mutex_unlock(&lifecycle::mCMcallback);
+    pthread_mutex_unlock(&process::mCMcallback);
     return 0;
 }
 

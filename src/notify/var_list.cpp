@@ -55,6 +55,10 @@ int initVarList() {
 
 int addToList(uint8_t* pList, int32_t id) {
     if (pList == nullptr) return 0;
+    if (id < 0 || id > catalogue::kNumVarIds) {
+        CM_LOG(log::kErr, "CM_Add_To_List", "Invalid variable ID (%d)\n", id);
+        return CM_ERR_INVALID;
+    }
     if (pthread_mutex_lock(&mCMListAdd) != 0) {
         CM_LOG(log::kErr, "CM_Add_To_List", "lock failed\n");
         return 0;
@@ -82,6 +86,10 @@ int getVarList(uint8_t* pDest) {
 
 int32_t getNextVariable(uint8_t* pCopy, int32_t iPrevID) {
     constexpr const char* fn = "CM_Get_Next_Variable";
+    if (pCopy == nullptr) {
+        CM_LOG(log::kErr, fn, "Bad pointer %p\n", static_cast<void*>(pCopy));
+        return CM_ERR_NO_FILE;
+    }
     if (static_cast<uint32_t>(iPrevID) > static_cast<uint32_t>(catalogue::kNumVarIds)) {
         CM_LOG(log::kErr, fn, "Invalid variable ID (%d)\n", iPrevID);
         return CM_ERR_INVALID;

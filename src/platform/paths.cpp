@@ -1,24 +1,24 @@
 #include "platform/paths.h"
 
+#include <atomic>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
 
-#include "catalogue/catalogue.h"
 
 namespace cm::paths {
 namespace {
 
 struct Resolved {
     char root[PATH_MAX] = "";  // without trailing '/'; empty means "/"
-    char files[catalogue::kNumFiles][PATH_MAX] = {};
     char lockFile[PATH_MAX] = "";
     bool ready = false;
 };
 
 Resolved g_paths;
 std::once_flag g_defaultOnce;
+std::atomic<unsigned> g_generation{0};
 
 bool join(char* out, std::string_view base, std::string_view devicePath) {
     int n = std::snprintf(out, PATH_MAX, "%.*s%.*s", static_cast<int>(base.size()), base.data(),
@@ -32,11 +32,10 @@ bool build(std::string_view root) {
     if (root.size() >= PATH_MAX) return false;
     std::memcpy(next.root, root.data(), root.size());
     next.root[root.size()] = '\0';
-    for (int i = 0; i < catalogue::kNumFiles; ++i)
-        if (!join(next.files[i], root, catalogue::sConfigItemList[i].szPath)) return false;
     if (!join(next.lockFile, root, kDefaultsLockFile)) return false;
     next.ready = true;
     g_paths = next;
+    g_generation.fetch_add(1, std::memory_order_release);
     return true;
 }
 
@@ -59,7 +58,12 @@ const char* root() {
     return r[0] ? r : "/";
 }
 
-const char* dataFile(int iFileIndex) { return paths().files[iFileIndex]; }
+bool resolve(char* out, std::string_view devicePath) { return join(out, paths().root, devicePath); }
+
+unsigned generation() {
+    paths();
+    return g_generation.load(std::memory_order_acquire);
+}
 
 const char* defaultsLockFile() { return paths().lockFile; }
 

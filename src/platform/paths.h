@@ -19,8 +19,12 @@ inline constexpr const char* kDefaultsLockFile = "/tmp/_LoadDefaultsAllLock_";
 bool setRoot(std::string_view root);
 const char* root();
 
-// The resolved path of data file iFileIndex (0..9).
-const char* dataFile(int iFileIndex);
+// Writes devicePath resolved under the root into out (PATH_MAX bytes).
+// False when it does not fit.
+bool resolve(char* out, std::string_view devicePath);
+// Changes with every setRoot(), so that holders of resolved copies know
+// when to resolve again.
+unsigned generation();
 // The resolved path of the all-defaults lock file.
 const char* defaultsLockFile();
 

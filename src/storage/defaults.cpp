@@ -49,8 +49,12 @@ void copyNumber(void* destination, const void* source, uint32_t n) {
 // The checks copyData and getDefaultData share.  A missing descriptor makes
 // the result -1 but still lets the copy go ahead (it needs none); a bad index
 // or relative ID stops it.
-bool checkCopy(const char* fn, int i, int rel, int& result) {
+bool checkCopy(const char* fn, int i, int rel, int& result, const void* destination, const void* source) {
     if (!checkIndex(i, fn)) return false;
+    if (destination == nullptr || source == nullptr) {
+        CM_LOG(log::kErr, fn, "NULL data pointer for file no. %d, rel ID %d\n", i, rel);
+        return false;
+    }
     if (fdRead[i] < 0) {
         CM_LOG(log::kErr, fn, "Invalid File descriptor for file no. %d\n", i);
         result = -1;
@@ -182,14 +186,14 @@ int detail::defaultValue(int i, int rel, void* destination, uint32_t len) {
 
 int getDefaultData(int i, int rel, void* destination) {
     int result = 0;
-    if (!checkCopy("CM_GetDefaultData", i, rel, result)) return -1;
+    if (!checkCopy("CM_GetDefaultData", i, rel, result, destination, destination)) return -1;
     if (detail::defaultValue(i, rel, destination, catalogue::entry(i, rel).wDataSize) != 0) return -1;
     return result;
 }
 
 int copyData(int i, int rel, void* destination, const void* source) {
     int result = 0;
-    if (!checkCopy("CM_CopyData", i, rel, result)) return -1;
+    if (!checkCopy("CM_CopyData", i, rel, result, destination, source)) return -1;
     if (detail::copyValue(i, rel, destination, source, catalogue::entry(i, rel).wDataSize) != 0) return -1;
     return result;
 }
@@ -270,7 +274,7 @@ int writeDefaultData(int i, bool bLock, bool bInitPrevData) {
                static_cast<unsigned long>(dwLenCorrectFile[i]));
         result = -1;
     }
-    dwLenActualFile[i] = dwLenCorrectFile[i];
+    dwLenActualFile[i] = dwLenCorrectFile[i].load();
     if (remapFile(i, dwLenCorrectFile[i]) != 0) result = -1;
     if (result == 0) bBadFile[i] = 0;
 

@@ -1,5 +1,9 @@
 #include "storage/file_state.h"
 
+#include <atomic>
+#include <climits>
+#include <mutex>
+
 #include "log/log.h"
 #include "platform/paths.h"
 
@@ -8,19 +12,39 @@ namespace {
 constexpr auto kLogModule = log::Module::FileAccess;
 }
 
-int fdRead[kNumFiles] = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
-uint32_t dwLenCorrectFile[kNumFiles] = {};
-uint32_t dwLenActualFile[kNumFiles] = {};
-const uint8_t* pMappedFile[kNumFiles] = {};
-uint32_t dwLenMappedFile[kNumFiles] = {};
+std::atomic<int> fdRead[kNumFiles] = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+std::atomic<uint32_t> dwLenCorrectFile[kNumFiles] = {};
+std::atomic<uint32_t> dwLenActualFile[kNumFiles] = {};
+std::atomic<const uint8_t*> pMappedFile[kNumFiles] = {};
+std::atomic<uint32_t> dwLenMappedFile[kNumFiles] = {};
 uint8_t* pPrevData[kNumFiles] = {};
-uint8_t bBadFile[kNumFiles] = {};
-pthread_mutex_t mtxFile[kNumFiles] = {PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
-                                      PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
-                                      PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
-                                      PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
-                                      PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER};
-int inotifywd[kNumFiles] = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+uint32_t dwLenPrevData[kNumFiles] = {};
+std::atomic<uint8_t> bBadFile[kNumFiles] = {};
+pthread_mutex_t mtxFile[kNumFiles] = {
+    PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP, PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP,
+    PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP, PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP,
+    PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP, PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP,
+    PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP, PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP,
+    PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP, PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP};
+std::atomic<int> inotifywd[kNumFiles] = {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+
+int initFileMutex(int i) {
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
+    const int rc = pthread_mutex_init(&mtxFile[i], &attr);
+    pthread_mutexattr_destroy(&attr);
+    return rc;
+}
+
+void renewFileMutexesAfterFork() {
+    for (int i = 0; i < kNumFiles; ++i) {
+        if (pthread_mutex_trylock(&mtxFile[i]) == 0)
+            pthread_mutex_unlock(&mtxFile[i]);
+        else
+            initFileMutex(i);
+    }
+}
 
 uint32_t correctLength(int iFileIndex) {
     const catalogue::ConfigItemList& file = catalogue::sConfigItemList[iFileIndex];
@@ -42,6 +66,30 @@ bool checkOpen(int iFileIndex, const char* fn) {
     return false;
 }
 
-const char* pathOf(int iFileIndex) { return paths::dataFile(iFileIndex); }
+namespace {
+
+// The data files' paths under the current root, resolved again after the
+// root changes (which happens before start-up, never while files are open).
+struct ResolvedPaths {
+    char files[kNumFiles][PATH_MAX] = {};
+};
+ResolvedPaths g_paths;
+std::mutex g_pathsMutex;
+std::atomic<unsigned> g_pathsGeneration{~0u};
+
+}  // namespace
+
+const char* pathOf(int iFileIndex) {
+    const unsigned gen = paths::generation();
+    if (g_pathsGeneration.load(std::memory_order_acquire) != gen) {
+        std::lock_guard<std::mutex> g(g_pathsMutex);
+        if (g_pathsGeneration.load(std::memory_order_relaxed) != gen) {
+            for (int i = 0; i < kNumFiles; ++i)
+                if (!paths::resolve(g_paths.files[i], catalogue::sConfigItemList[i].szPath)) g_paths.files[i][0] = '\0';
+            g_pathsGeneration.store(gen, std::memory_order_release);
+        }
+    }
+    return g_paths.files[iFileIndex];
+}
 
 }  // namespace cm::storage

@@ -33,25 +33,31 @@ int setLock(int fd, short type, int cmd, off_t start, off_t length) {
     return fcntl(fd, cmd, &fl);
 }
 
-// The file's descriptor, or -1 (logged) when the index is bad or the file
-// is not open.
-int descriptorOf(int i, const char* fn) {
-    if (!checkIndex(i, fn)) return -1;
-    if (fdRead[i] < 0) CM_LOG(log::kErr, fn, "Invalid File descriptor for file no. %d ('%s')\n", i, pathOf(i));
-    return fdRead[i];
+void logNoDescriptor(int i, const char* fn) {
+    CM_LOG(log::kErr, fn, "Invalid File descriptor for file no. %d ('%s')\n", i, pathOf(i));
 }
 
 }  // namespace
 
-int lockFile(int i, off_t start, off_t length) {
-    constexpr const char* fn = "CM_LockFile";
-    const int fd = descriptorOf(i, fn);
-    if (fd < 0) return -1;
+int lockMutex(int i, const char* fn) {
     const int rc = pthread_mutex_lock(&mtxFile[i]);
     if (rc != 0)
         CM_LOG(log::kErr, fn, "PID=%d:%d. File '%s' - Failed to lock CM mutex, error=%d '%s'\n", getpid(),
                platform::tid(), pathOf(i), rc, std::strerror(rc));
+    if (fdRead[i] >= 0) return 0;
+    if (rc == 0) pthread_mutex_unlock(&mtxFile[i]);
+    return -1;
+}
 
+void unlockMutex(int i, const char* fn) {
+    const int rc = pthread_mutex_unlock(&mtxFile[i]);
+    if (rc != 0)
+        CM_LOG(log::kErr, fn, "PID=%d:%d File '%s' - Failed to UNlock CM mutex, error=%d '%s'\n", getpid(),
+               platform::tid(), pathOf(i), rc, std::strerror(rc));
+}
+
+int lockRange(int i, off_t start, off_t length, const char* fn) {
+    const int fd = fdRead[i];
     if (setLock(fd, F_WRLCK, F_SETLKW, start, length) == 0) return 0;
     int err = errno;
     // Interrupted, deadlock-detected or out-of-locks requests are retried
@@ -81,16 +87,31 @@ int lockFile(int i, off_t start, off_t length) {
     return -1;
 }
 
+int lockFile(int i, off_t start, off_t length) {
+    constexpr const char* fn = "CM_LockFile";
+    if (!checkIndex(i, fn)) return -1;
+    if (lockMutex(i, fn) != 0) {
+        logNoDescriptor(i, fn);
+        return -1;
+    }
+    return lockRange(i, start, length, fn);
+}
+
 int unlockFile(int i, off_t start, off_t length) {
     constexpr const char* fn = "CM_UnLockFile";
-    const int fd = descriptorOf(i, fn);
-    if (fd < 0) return -1;
+    if (!checkIndex(i, fn)) return -1;
+    const int fd = fdRead[i];
+    if (fd < 0) {
+        // The file was released while the lock was held, or never locked:
+        // a mutex this thread holds is released (an error-checking mutex
+        // refuses, harmlessly, one it does not hold).
+        logNoDescriptor(i, fn);
+        pthread_mutex_unlock(&mtxFile[i]);
+        return -1;
+    }
     if (setLock(fd, F_UNLCK, F_SETLK, start, length) != 0)
         CM_LOG(log::kErr, fn, "fcntl failed: iFileIndex=%d, fdRead[iFileIndex]=%d, error=%m", i, fd);
-    const int rc = pthread_mutex_unlock(&mtxFile[i]);
-    if (rc != 0)
-        CM_LOG(log::kErr, fn, "PID=%d:%d File '%s' - Failed to UNlock CM mutex, error=%d '%s'\n", getpid(),
-               platform::tid(), pathOf(i), rc, std::strerror(rc));
+    unlockMutex(i, fn);
     return 0;
 }
 

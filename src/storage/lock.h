@@ -1,6 +1,10 @@
 // Two-layer file locking: the file's process mutex, then an fcntl write lock
 // on a byte range (length 0 = to the end of the file, so (0, 0) is the
 // whole file).  Release is in the reverse order.
+//
+// The descriptor is read only once the mutex is held, and everything that
+// closes a descriptor or changes a mapping holds the mutex, so a thread that
+// holds it sees a stable file.
 #pragma once
 
 #include <sys/types.h>
@@ -10,11 +14,21 @@ namespace cm::storage {
 // 0 when both locks are held, -1 on failure.  A blocked request is retried
 // with a random 100..199.999 ms back-off for as long as it takes (EINTR,
 // EDEADLK, ENOLCK).  On any other fcntl error the mutex stays held: the
-// caller's unlockFile() releases it.
+// caller's unlockFile() releases it.  A file with no descriptor gives -1 and
+// leaves the mutex free.
 int lockFile(int iFileIndex, off_t start, off_t length);
 
-// 0, or -1 when the file has no descriptor (the mutex is then untouched).
+// Releases the range and the mutex.  -1 when the file has no descriptor
+// (any more): the mutex, when this thread holds it, is released all the same.
 int unlockFile(int iFileIndex, off_t start, off_t length);
+
+// The two halves of lockFile, for callers that must look at the per-file
+// state under the mutex before they know the range.  lockMutex returns 0
+// with the mutex held and the file open, or -1 (nothing held, nothing
+// logged) when the file has no descriptor.
+int lockMutex(int iFileIndex, const char* fn);
+void unlockMutex(int iFileIndex, const char* fn);
+int lockRange(int iFileIndex, off_t start, off_t length, const char* fn);
 
 // Holds a range lock for a scope.
 class FileLock {

@@ -13,6 +13,7 @@
 #include "log/log.h"
 #include "platform/env.h"
 #include "storage/file_state.h"
+#include "storage/map_guard.h"
 
 namespace cm::storage {
 namespace {
@@ -51,6 +52,12 @@ int openFile(int i) {
     if (!checkIndex(i, fn)) return -1;
     prepareOpen(i);
     const char* path = pathOf(i);
+    // A file that is open already keeps its descriptor: a second descriptor
+    // of it, once closed, would drop every fcntl lock the process holds on it.
+    if (fdRead[i] >= 0) {
+        CM_LOG(log::kDebug, fn, "CM data file [%d] '%s' opened\n", i, path);
+        return 0;
+    }
 
     // The master creates the files; until it has, wait without limit,
     // complaining louder the longer it takes.
@@ -99,6 +106,10 @@ int openOrCreateFile(int i) {
     if (!checkIndex(i, fn)) return -1;
     prepareOpen(i);
     const char* path = pathOf(i);
+    if (fdRead[i] >= 0) {
+        CM_LOG_TAGGED(log::kInfo, "CM_OpenOrCreateFile, CM data file [%d] '%s' opened\n", i, path);
+        return 0;
+    }
 
     int fd = openRetrying(path, O_RDWR);
     if (fd >= 0) {
@@ -139,29 +150,30 @@ int mapFile(int i, uint32_t length) {
         dwLenMappedFile[i] = 0;
         return 0;
     }
+    installMapGuard();
     // Bytes beyond the correct length are never mapped.
-    if (dwLenCorrectFile[i] != 0) length = std::min(length, dwLenCorrectFile[i]);
+    if (dwLenCorrectFile[i] != 0) length = std::min(length, dwLenCorrectFile[i].load());
     void* p = mmap(nullptr, length, PROT_READ, MAP_PRIVATE, fdRead[i], 0);
     if (p == MAP_FAILED || p == nullptr) {
         const int err = errno;
         pMappedFile[i] = nullptr;
         dwLenMappedFile[i] = 0;
         CM_LOG(log::kErr, fn, "PID=%d. Failed to mmap(0,%lu,PROT_READ,MAP_PRIVATE,%d,0) CM file [%d] '%s': errno=%d %s\n",
-               getpid(), static_cast<unsigned long>(length), fdRead[i], i, pathOf(i), err, std::strerror(err));
+               getpid(), static_cast<unsigned long>(length), fdRead[i].load(), i, pathOf(i), err, std::strerror(err));
         return -1;
     }
     pMappedFile[i] = static_cast<const uint8_t*>(p);
     dwLenMappedFile[i] = length;
     CM_LOG(log::kInfo, fn, "CM file [%d] '%s' mapped at %p to %p, size %lu\n", i, pathOf(i), p,
-           static_cast<const void*>(pMappedFile[i] + length - 1), static_cast<unsigned long>(length));
+           static_cast<const void*>(static_cast<const uint8_t*>(p) + length - 1), static_cast<unsigned long>(length));
     return 0;
 }
 
 int unmapFile(int i) {
     constexpr const char* fn = "CM_UnmapFile";
     if (!checkOpen(i, fn)) return -1;
-    const void* p = pMappedFile[i];
-    const uint32_t len = dwLenMappedFile[i];
+    const void* p = pMappedFile[i].load();
+    const uint32_t len = dwLenMappedFile[i].load();
     if (p == nullptr && len == 0) return 0;
     pMappedFile[i] = nullptr;
     dwLenMappedFile[i] = 0;
@@ -181,26 +193,35 @@ int unmapFile(int i) {
 int remapFile(int i, uint32_t length) {
     constexpr const char* fn = "CM_RemapFile";
     if (!checkOpen(i, fn)) return -1;
-    length = std::min(length, dwLenCorrectFile[i]);
+    length = std::min(length, dwLenCorrectFile[i].load());
     if (length == 0) return unmapFile(i);
 
     if (pMappedFile[i] != nullptr || dwLenMappedFile[i] != 0) {
         if (mapped(i)) {
             // Resized even when the length is unchanged: the kernel may move
             // the mapping, and the new address is taken either way.
-            void* old = const_cast<uint8_t*>(pMappedFile[i]);
-            void* p = mremap(old, dwLenMappedFile[i], length, MREMAP_MAYMOVE);
+            void* old = const_cast<uint8_t*>(pMappedFile[i].load());
+            const uint32_t oldLen = dwLenMappedFile[i];
+            // The fields are cleared first: the guard against cut files must
+            // never take the old range for a live mapping.
+            dwLenMappedFile[i] = 0;
+            pMappedFile[i] = nullptr;
+            void* p = mremap(old, oldLen, length, MREMAP_MAYMOVE);
             if (p != MAP_FAILED) {
                 pMappedFile[i] = static_cast<const uint8_t*>(p);
                 dwLenMappedFile[i] = length;
                 CM_LOG(log::kInfo, fn, "CM file [%d] '%s' remapped at %p to %p, size %lu\n", i, pathOf(i), p,
-                       static_cast<const void*>(pMappedFile[i] + length - 1), static_cast<unsigned long>(length));
+                       static_cast<const void*>(static_cast<const uint8_t*>(p) + length - 1),
+                       static_cast<unsigned long>(length));
                 return 0;
             }
             const int err = errno;
             CM_LOG(log::kWarn, fn, "PID=%d. Failed to mremap(%p,%lu,%lu,MREMAP_MAYMOVE) CM file %d '%s' : errno=%d %s\n",
-                   getpid(), old, static_cast<unsigned long>(dwLenMappedFile[i]), static_cast<unsigned long>(length),
-                   i, pathOf(i), err, std::strerror(err));
+                   getpid(), old, static_cast<unsigned long>(oldLen), static_cast<unsigned long>(length), i, pathOf(i),
+                   err, std::strerror(err));
+            // mremap leaves the old mapping in place when it fails.
+            pMappedFile[i] = static_cast<const uint8_t*>(old);
+            dwLenMappedFile[i] = oldLen;
         }
         // Half-set fields are reported and cleared by the unmap.
         unmapFile(i);
@@ -208,34 +229,49 @@ int remapFile(int i, uint32_t length) {
     return mapFile(i, length);
 }
 
-int initialisePrevData(int i) {
-    constexpr const char* fn = "CM_InitialisePrevData";
+int initialisePrevData(int i) { return initialisePrevData(i, "CM_InitialisePrevData", true); }
+
+int initialisePrevData(int i, const char* fn, bool logAlloc) {
     if (!checkIndex(i, fn)) return -1;
     if (!mapped(i)) {
         CM_LOG(log::kErr, fn, "dwLenMappedFile[%d] or pMappedFile[] is zero, cannot alloc block for data - skipping...\n",
                i);
         // Released rather than dropped, so that a failed snapshot does not
         // leak the previous one.
-        std::free(pPrevData[i]);
-        pPrevData[i] = nullptr;
+        dropPrevData(i);
         return -1;
     }
     const uint32_t len = dwLenMappedFile[i];
     void* p;
     if (pPrevData[i] != nullptr) {
-        CM_LOG(log::kDebug, fn, "pPrevData[%d] non-zero so reallocing it...\n", i);
+        if (logAlloc) CM_LOG(log::kDebug, fn, "pPrevData[%d] non-zero so reallocing it...\n", i);
         p = std::realloc(pPrevData[i], len);
     } else {
-        CM_LOG(log::kDebug, fn, "pPrevData zero so mallocing it...\n");
+        if (logAlloc) CM_LOG(log::kDebug, fn, "pPrevData zero so mallocing it...\n");
         p = std::malloc(len);
     }
     if (p == nullptr) {
         CM_LOG(log::kErr, fn, "malloc() or realloc() failed for CM file %d\n", i);
+        // A copy that cannot grow is dropped: a shorter one would let the
+        // diff read past its end.
+        dropPrevData(i);
         return -1;
     }
     pPrevData[i] = static_cast<uint8_t*>(p);
-    std::memcpy(p, pMappedFile[i], len);
+    dwLenPrevData[i] = len;
+    if (!guardedCopy(p, pMappedFile[i], len)) {
+        // The file was cut under the mapping; the watch thread sets it up
+        // again when the change is reported.
+        dropPrevData(i);
+        return -1;
+    }
     return 0;
+}
+
+void dropPrevData(int i) {
+    std::free(pPrevData[i]);
+    pPrevData[i] = nullptr;
+    dwLenPrevData[i] = 0;
 }
 
 }  // namespace cm::storage

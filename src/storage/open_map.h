@@ -15,7 +15,12 @@ int mapFile(int iFileIndex, uint32_t length);
 int unmapFile(int iFileIndex);
 // Maps min(length, dwLenCorrectFile); resizes an existing mapping.
 int remapFile(int iFileIndex, uint32_t length);
-// (Re)makes pPrevData as a copy of the whole mapping.  0, or -1.
+// (Re)makes pPrevData as a copy of the whole mapping.  0, or -1 (no copy
+// is left then).  Messages name `fn`; logAlloc=false leaves out the debug
+// line about (re)allocating, for callers that have logged their own.
 int initialisePrevData(int iFileIndex);
+int initialisePrevData(int iFileIndex, const char* fn, bool logAlloc);
+// Frees the private copy.
+void dropPrevData(int iFileIndex);
 
 }  // namespace cm::storage

@@ -12,6 +12,7 @@
 #include "storage/defaults.h"
 #include "storage/file_state.h"
 #include "storage/lock.h"
+#include "storage/map_guard.h"
 #include "storage/record_io.h"
 #include "values/ipaddr.h"
 
@@ -33,33 +34,49 @@ void logNotMapped(const char* fn, int i) {
                   fn, getpid(), i);
 }
 
-// The by-file operations' common checks; the record offset when they pass.
-bool checkRecord(const char* fn, int i, int rel, uint32_t& offset) {
+// The by-file operations' common checks, made with the file's mutex held
+// (takeMutex) or by a caller that holds the whole-file lock.  They pass with
+// the record offset, and the mutex still held when taken; on failure it has
+// been released.  Looking at the descriptor, offset and mapping only under
+// the mutex means a read that meets a set-up in progress waits for it
+// instead of finding its records missing.
+bool checkRecord(const char* fn, int i, int rel, bool takeMutex, uint32_t& offset) {
     if (!checkIndex(i, fn)) return false;
-    if (fdRead[i] < 0) {
+    if (!detail::checkRelative(i, rel, fn)) return false;
+    if (takeMutex ? lockMutex(i, fn) != 0 : fdRead[i] < 0) {
         CM_LOG(log::kErr, fn, "Invalid File descriptor for CM data file [%d]\n", i);
         return false;
     }
-    if (!detail::checkRelative(i, rel, fn)) return false;
     offset = catalogue::entry(i, rel).recordOffset();
+    bool ok = true;
     if (offset == catalogue::kNoRecord) {
         logBadRecord(fn, i, rel);
-        return false;
-    }
-    if (!mapped(i)) {
+        ok = false;
+    } else if (!mapped(i)) {
         logNotMapped(fn, i);
-        return false;
+        ok = false;
     }
-    return true;
+    if (!ok && takeMutex) unlockMutex(i, fn);
+    return ok;
 }
 
-// Under the record lock the mapping cannot change in this process; a record
+// With the mutex held the mapping cannot change in this process; a record
 // that no longer lies inside it is treated as missing rather than read past
 // the end of the mapping.
 bool insideMapping(const char* fn, int i, int rel, uint32_t offset, uint32_t size) {
     if (mapped(i) && offset <= dwLenMappedFile[i] && size <= dwLenMappedFile[i] - offset) return true;
     logBadRecord(fn, i, rel);
     return false;
+}
+
+// The range lock under a mutex already held, and its release with the mutex.
+void lockRecord(int i, uint32_t offset, uint32_t size) { lockRange(i, offset, size, "CM_LockFile"); }
+void unlockRecord(int i, uint32_t offset, uint32_t size) { unlockFile(i, offset, size); }
+
+bool nullBuffer(const char* fn, const void* p, int32_t id) {
+    if (p != nullptr) return false;
+    CM_LOG(log::kErr, fn, "NULL data pointer for CM var ID=%d\n", id);
+    return true;
 }
 
 // The by-ID operations' checks: an ID of 3290 or more, then the conversion.
@@ -75,15 +92,22 @@ bool locateById(const char* fn, int32_t id, catalogue::Location& loc) {
 
 int readDataItem(int i, int rel, void* destination) {
     constexpr const char* fn = "CM_ReadDataItem";
+    if (checkIndex(i, fn) && detail::checkRelative(i, rel, fn) && nullBuffer(fn, destination, absoluteId(i, rel)))
+        return -1;
     uint32_t offset;
-    if (!checkRecord(fn, i, rel, offset)) return -1;
+    if (!checkRecord(fn, i, rel, true, offset)) return -1;
     const auto& e = catalogue::entry(i, rel);
     const uint32_t size = e.wDataSize + kRecordHeader;
 
-    lockFile(i, offset, size);
+    lockRecord(i, offset, size);
     int result = -1;
-    if (insideMapping(fn, i, rel, offset, size)) {
-        const uint8_t* rec = pMappedFile[i] + offset;
+    // Copied out first: another process may cut the file under the mapping.
+    uint8_t rec[kRecordHeader + kMaxRecordData];
+    const uint32_t copied = kRecordHeader + (e.wDataSize < kMaxRecordData ? e.wDataSize : kMaxRecordData);
+    const bool inside = insideMapping(fn, i, rel, offset, size);
+    const bool got = inside && guardedCopy(rec, pMappedFile[i] + offset, copied);
+    if (inside && !got) logBadRecord(fn, i, rel);
+    if (got) {
         const unsigned storedRel = loadBe16(rec);
         const int storedLen = loadBe16(rec + 2);
         if (storedRel != static_cast<unsigned>(rel)) {
@@ -92,7 +116,7 @@ int readDataItem(int i, int rel, void* destination) {
                           "relative ID=%u (expected %d) for CM var abs ID=%d\n",
                           getpid(), i, pathOf(i), static_cast<unsigned long>(offset), storedRel, rel,
                           absoluteId(i, rel));
-        } else if (storedLen != e.wDataSize) {
+        } else if (storedLen != e.wDataSize || e.wDataSize > kMaxRecordData) {
             CM_LOG_TAGGED(log::kErr,
                           "**ERROR: CM_ReadDataItem, PID=%d. CM data file [%d] '%s' record at offset %lu with relative "
                           "ID=%d has wrong length=%d (expected %d) for CM var abs ID=%d\n",
@@ -102,15 +126,16 @@ int readDataItem(int i, int rel, void* destination) {
             result = detail::copyValue(i, rel, destination, rec + kRecordHeader, e.wDataSize);
         }
     }
-    unlockFile(i, offset, size);
+    unlockRecord(i, offset, size);
     return result;
 }
 
 int detail::writeRecord(int i, int rel, const void* value, bool bLock, bool& written) {
     constexpr const char* fn = "CM_WriteDataItem";
     written = false;
+    if (checkIndex(i, fn) && detail::checkRelative(i, rel, fn) && nullBuffer(fn, value, absoluteId(i, rel))) return -1;
     uint32_t offset;
-    if (!checkRecord(fn, i, rel, offset)) return -1;
+    if (!checkRecord(fn, i, rel, bLock, offset)) return -1;
     const auto& e = catalogue::entry(i, rel);
 
     // Built on the stack: this path allocates nothing.
@@ -125,12 +150,16 @@ int detail::writeRecord(int i, int rel, const void* value, bool bLock, bool& wri
     storeBe16(rec + 2, static_cast<uint16_t>(len));
     const uint32_t size = len + kRecordHeader;
 
-    if (bLock) lockFile(i, offset, size);
+    if (bLock) lockRecord(i, offset, size);
     bool failed = false;
+    int diff = 0;
     if (!insideMapping(fn, i, rel, offset, size) ||
         detail::copyValue(i, rel, rec + kRecordHeader, value, len) != 0) {
         failed = true;
-    } else if (std::memcmp(rec + kRecordHeader, pMappedFile[i] + offset + kRecordHeader, len) != 0) {
+    } else if (!guardedCompare(pMappedFile[i] + offset + kRecordHeader, rec + kRecordHeader, len, diff)) {
+        logBadRecord(fn, i, rel);
+        failed = true;
+    } else if (diff != 0) {
         // A failed attempt marks the call failed for good, even when a later
         // attempt gets the record written.
         const int fd = fdRead[i];
@@ -158,7 +187,7 @@ int detail::writeRecord(int i, int rel, const void* value, bool bLock, bool& wri
                           getpid(), i, pathOf(i), absoluteId(i, rel), rel);
     }
     if (bLock) {
-        unlockFile(i, offset, size);
+        unlockRecord(i, offset, size);
         if (written) updateCRCWithLock(i);
     }
     if (failed) return -1;
@@ -174,6 +203,7 @@ int getDataItem(int32_t id, void* destination) {
     constexpr const char* fn = "CM_GetDataItem";
     catalogue::Location loc;
     if (!locateById(fn, id, loc)) return -1;
+    if (nullBuffer(fn, destination, id)) return -1;
     const auto& e = catalogue::entry(loc.iFileIndex, loc.iVarID_Rel);
     if (e.ucDataType != DT_IPADDR) return readDataItem(loc.iFileIndex, loc.iVarID_Rel, destination);
 
@@ -191,6 +221,7 @@ int putDataItem(int32_t id, const void* value) {
     constexpr const char* fn = "CM_PutDataItem";
     catalogue::Location loc;
     if (!locateById(fn, id, loc)) return -1;
+    if (nullBuffer(fn, value, id)) return -1;
     return writeDataItem(loc.iFileIndex, loc.iVarID_Rel, value, true);
 }
 
@@ -198,6 +229,7 @@ int getDataItemDefaultValue(int32_t id, void* destination) {
     constexpr const char* fn = "CM_GetDataItemDefaultValue";
     catalogue::Location loc;
     if (!locateById(fn, id, loc)) return -1;
+    if (nullBuffer(fn, destination, id)) return -1;
     // The default is filled in whether or not the file is open yet; only the
     // conversion decides the result.
     getDefaultData(loc.iFileIndex, loc.iVarID_Rel, destination);

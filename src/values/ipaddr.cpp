@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "storage/byte_order.h"
+#include "platform/byte_order.h"
 
 namespace cm::values {
 
@@ -19,14 +19,14 @@ int sockaddrToCmAddr(uint8_t* stored, const sockaddr* sa) {
         return 0;
     case AF_INET: {
         const auto* in = reinterpret_cast<const sockaddr_in*>(sa);
-        storage::storeBe16(stored, AF_INET);
+        platform::storeBe16(stored, AF_INET);
         std::memcpy(stored + 2, &in->sin_port, 2);
         std::memcpy(stored + 4, &in->sin_addr, 4);
         return 0;
     }
     case AF_INET6: {
         const auto* in6 = reinterpret_cast<const sockaddr_in6*>(sa);
-        storage::storeBe16(stored, AF_INET6);
+        platform::storeBe16(stored, AF_INET6);
         std::memcpy(stored + 2, &in6->sin6_port, 2);
         std::memcpy(stored + 4, &in6->sin6_addr, 16);
         return 0;
@@ -37,7 +37,7 @@ int sockaddrToCmAddr(uint8_t* stored, const sockaddr* sa) {
 }
 
 int cmAddrToSockaddr(sockaddr* sa, const uint8_t* stored) {
-    const uint16_t family = storage::loadBe16(stored);
+    const uint16_t family = platform::loadBe16(stored);
     switch (family) {
     case AF_UNSPEC:
         sa->sa_family = AF_UNSPEC;

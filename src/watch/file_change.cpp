@@ -3,20 +3,22 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "catalogue/catalogue.h"
-#include "lifecycle/state.h"
+#include "inotify/inotify_watch.h"
 #include "log/log.h"
 #include "notify/registry.h"
 #include "platform/env.h"
+#include "process/state.h"
+#include "setup/setup.h"
 #include "storage/byte_order.h"
 #include "storage/file_state.h"
 #include "storage/lock.h"
+#include "storage/map_guard.h"
 #include "storage/open_map.h"
-#include "storage/setup.h"
-#include "watch/inotify_watch.h"
 
 namespace cm::watch {
 namespace {
@@ -24,11 +26,23 @@ namespace {
 constexpr auto kLogModule = log::Module::FileAccess;
 constexpr int kGrowthChecks = 50;
 using namespace storage;
+using namespace setup;
+using inotify::removeInotifyWatch;
 
 // Set-up again after a length change, then everything counts as changed.
 void reprocess(int i) {
     initialiseDataStruct(i, true, false);
     actionChangesToAllNewItems(i);
+}
+
+// A file that got shorter than its mapping is remapped (or unmapped) at
+// once, under its lock: touching a mapped page past the end of the file
+// raises SIGBUS, and whatever is decided next (wait for growth, ignore the
+// length) must not leave such pages mapped.
+void shrinkMapping(int i, unsigned long size) {
+    FileLock whole(i, 0, 0);
+    if (fdRead[i] < 0 || size >= dwLenMappedFile[i]) return;
+    remapFile(i, static_cast<uint32_t>(size));
 }
 
 // The master waits up to 5 s for a short file to reach its length (a
@@ -37,7 +51,7 @@ void growthWait(int i, off_t size) {
     const unsigned long correct = dwLenCorrectFile[i];
     CM_LOG_TAGGED(log::kWarn, "CM_ReadThread, PID=%d. CM data file [%d] '%s' length %lu too short (expected %lu), waiting for growth\n",
                   getpid(), i, pathOf(i), static_cast<unsigned long>(size), correct);
-    for (int n = 0; n < kGrowthChecks && static_cast<unsigned long>(size) < correct; ++n) {
+    for (int n = 0; n < kGrowthChecks && static_cast<unsigned long>(size) < correct && !process::killRequested(); ++n) {
         platform::sleepMs(100);
         struct stat st{};
         if (fstat(fdRead[i], &st) != 0) {
@@ -58,31 +72,77 @@ void growthWait(int i, off_t size) {
 
 // Makes the private copy when there is none yet.  False when none could be made.
 bool ensurePrevData(int i) {
+    constexpr const char* fn = "CM_InitialisePrevDataWithLock";
     if (pPrevData[i] != nullptr) return true;
     if (!mapped(i)) {
-        CM_LOG(log::kErr, "CM_InitialisePrevDataWithLock",
-               "dwLenMappedFile[%d] or pMappedFile[] is zero, cannot alloc block for data - skipping...\n", i);
+        CM_LOG(log::kErr, fn, "dwLenMappedFile[%d] or pMappedFile[] is zero, cannot alloc block for data - skipping...\n", i);
     } else {
-        CM_LOG(log::kDebug, "CM_InitialisePrevDataWithLock", "pPrevData[%d] zero so mallocing it...\n", i);
+        CM_LOG(log::kDebug, fn, "pPrevData[%d] zero so mallocing it...\n", i);
         FileLock whole(i, 0, 0);
-        initialisePrevData(i);
+        initialisePrevData(i, fn, false);
     }
     if (pPrevData[i] != nullptr) return true;
     CM_LOG(log::kErr, "CM_ActionFileChange", "Initialise oPrevData[%d] failed - quitting\n", i);
     return false;
 }
 
+// Compares the records of a file whose mapping differs from its private
+// copy, with the whole-file lock held.  Sets the change flags of changed
+// variables and tells whether a record is damaged.  False when the file was
+// cut under the mapping (the pass is then abandoned: the length change
+// brings its own event).
+bool diffRecords(int i, uint32_t len, bool* changed, bool& anyChange, bool& repair) {
+    constexpr const char* fn = "CM_ActionFileChange";
+    const auto& file = catalogue::sConfigItemList[i];
+    const uint8_t* map = pMappedFile[i];
+    uint8_t* prev = pPrevData[i];
+    for (int r = 0; r < file.iNumItems; ++r) {
+        const auto& e = file.pItems[r];
+        const uint32_t off = e.recordOffset();
+        if (off == catalogue::kNoRecord || off < kHeaderSize || off + kRecordHeader + e.wDataSize > len) continue;
+        uint8_t header[kRecordHeader];
+        if (!guardedCopy(header, map + off, sizeof header)) return false;
+        const unsigned rel = loadBe16(header);
+        const unsigned storedLen = loadBe16(header + 2);
+        int diff = 0;
+        if (rel != static_cast<unsigned>(r)) {
+            CM_LOG(log::kErr, fn, "CM data file [%d] '%s' record at offset %lu  has wrong relative ID=%u (expected %d)\n",
+                   i, pathOf(i), static_cast<unsigned long>(off), rel, r);
+            repair |= process::isMaster();
+        } else if (storedLen != e.wDataSize) {
+            CM_LOG(log::kErr, fn, "CM data file [%d] '%s' record at offset %lu with ID=%d has wrong length=%u (expected %zu)\n",
+                   i, pathOf(i), static_cast<unsigned long>(off), r, storedLen, static_cast<size_t>(e.wDataSize));
+            repair |= process::isMaster();
+        } else if (!guardedCompare(map + off + kRecordHeader, prev + off + kRecordHeader, e.wDataSize, diff)) {
+            return false;
+        } else if (diff != 0) {
+            CM_LOG_TAGGED(log::kInfo, "CM_ActionFileChange: Var %d (relative %d) in file '%s' - has changed\n",
+                          file.iFirstVarID + r, r, pathOf(i));
+            changed[file.iFirstVarID + r] = anyChange = true;
+        }
+    }
+    // The whole copy, header and damaged records included, follows the
+    // mapping: the next pass's single comparison then holds again.
+    return guardedCopy(prev, map, len);
+}
+
 }  // namespace
 
 void handleDeletedFile(int i) {
+    constexpr const char* fn = "CM_ReadThread";
     CM_LOG_TAGGED(log::kNotice, "CM_ReadThread, PID=%d. CM data file [%d] '%s' has been deleted - Restart CM mechanism for it\n",
                   getpid(), i, pathOf(i));
+    // Mapping and descriptor go under the file's mutex, so that a reader of
+    // this process is never left inside the mapping or between its lock and
+    // unlock calls.  Without a descriptor there is nothing to guard.
+    const bool locked = lockMutex(i, fn) == 0;
     unmapFile(i);
     if (inotifywd[i] >= 0) removeInotifyWatch(i);
-    if (fdRead[i] >= 0) close(fdRead[i]);
+    const int fd = fdRead[i].exchange(-1);
+    if (fd >= 0) close(fd);
     bBadFile[i] = 0;
-    fdRead[i] = -1;
     dwLenActualFile[i] = 0;
+    if (locked) unlockMutex(i, fn);
     setUpConfigFile(i);
     actionChangesToAllNewItems(i);
 }
@@ -95,7 +155,7 @@ void handleModifiedFile(int i) {
         return;
     }
     const auto size = static_cast<unsigned long>(st.st_size);
-    const bool master = lifecycle::isMaster();
+    const bool master = process::isMaster();
     if (size == dwLenActualFile[i]) {
         if (!master && bBadFile[i] && size == dwLenCorrectFile[i]) {
             CM_LOG_TAGGED(log::kNotice, "CM_ReadThread, PID=%d. CM data file [%d] '%s' length %lu (correct) - reprocess the file as previously bad data\n",
@@ -111,6 +171,7 @@ void handleModifiedFile(int i) {
     if (dwLenCorrectFile[i] == 0) dwLenCorrectFile[i] = correctLength(i);
     const unsigned long correct = dwLenCorrectFile[i];
     const unsigned long before = dwLenActualFile[i];
+    shrinkMapping(i, size);
     if (master) {
         CM_LOG_TAGGED(log::kNotice, "CM_ReadThread, PID=%d. CM data file [%d] '%s' length changed from %lu to %lu (expected %lu)\n",
                       getpid(), i, pathOf(i), before, size, correct);
@@ -139,35 +200,16 @@ void actionFileChange(int i) {
     bool anyChange = false;
     {
         FileLock whole(i, 0, 0);
+        if (fdRead[i] < 0 || pPrevData[i] == nullptr) return;
         const uint8_t* map = pMappedFile[i];
-        uint8_t* prev = pPrevData[i];
-        const uint32_t len = dwLenMappedFile[i];
+        // Only bytes both the mapping and the copy hold are compared.
+        const uint32_t len = std::min<uint32_t>(dwLenMappedFile[i], dwLenPrevData[i]);
+        int diff = 0;
         // An untouched file is the common case: one comparison settles it.
-        if (map != nullptr && len != 0 && std::memcmp(map, prev, len) != 0) {
-            for (int r = 0; r < file.iNumItems; ++r) {
-                const auto& e = file.pItems[r];
-                const uint32_t off = e.recordOffset();
-                if (off == catalogue::kNoRecord || off < kHeaderSize || off + kRecordHeader + e.wDataSize > len) continue;
-                const unsigned rel = loadBe16(map + off);
-                const unsigned storedLen = loadBe16(map + off + 2);
-                if (rel != static_cast<unsigned>(r)) {
-                    CM_LOG(log::kErr, fn, "CM data file [%d] '%s' record at offset %lu  has wrong relative ID=%u (expected %d)\n",
-                           i, pathOf(i), static_cast<unsigned long>(off), rel, r);
-                    repair |= lifecycle::isMaster();
-                } else if (storedLen != e.wDataSize) {
-                    CM_LOG(log::kErr, fn, "CM data file [%d] '%s' record at offset %lu with ID=%d has wrong length=%u (expected %zu)\n",
-                           i, pathOf(i), static_cast<unsigned long>(off), r, storedLen, static_cast<size_t>(e.wDataSize));
-                    repair |= lifecycle::isMaster();
-                } else if (std::memcmp(map + off + kRecordHeader, prev + off + kRecordHeader, e.wDataSize) != 0) {
-                    CM_LOG_TAGGED(log::kInfo, "CM_ActionFileChange: Var %d (relative %d) in file '%s' - has changed\n",
-                                  first + r, r, pathOf(i));
-                    std::memcpy(prev + off + kRecordHeader, map + off + kRecordHeader, e.wDataSize);
-                    changed[first + r] = anyChange = true;
-                }
-            }
-        }
+        if (map == nullptr || len == 0 || !guardedCompare(map, pPrevData[i], len, diff) || diff == 0) return;
+        if (!diffRecords(i, len, changed, anyChange, repair)) return;
         if (repair) {
-            repairFromDefaults(i, true, fn);
+            repairFromDefaults(i, true, fn, false);
             std::memset(changed + first, 1, static_cast<size_t>(file.iNumItems) * sizeof(bool));
             anyChange = true;
         }

@@ -10,6 +10,14 @@ namespace cm::watch {
 // Waits for the thread of an earlier start to end (it was told to by the
 // stop), so that a restarted library never shares its files with it.
 void waitForStaleWatchThread();
+// Wakes the thread and waits for it to end; `bounded` gives up after 10 s
+// (a callback that does not return).  True when no thread is left running;
+// false when called on the thread itself or when the wait ran out.
+bool joinWatchThread(bool bounded);
+// True on the watch thread (in a callback, for instance).
+bool onWatchThread();
+// In a forked child: forgets the parent's thread and its wake-up pipe.
+void forgetThreadAfterFork();
 // Starts the thread on the current inotify descriptor; pthread_create's result.
 int startWatchThread();
 

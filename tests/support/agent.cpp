@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "catalogue/lookup.h"
+#include "configmanager/cm_getset.h"
 #include "configmanager/cm_lifecycle.h"
 #include "configmanager/cm_notify.h"
 #include "storage/record.h"
@@ -43,6 +44,35 @@ int put(int id, unsigned long v) {
         default: buf.u32 = static_cast<uint32_t>(v); break;
     }
     return cm::storage::putDataItem(id, &buf);
+}
+
+union Number {
+    uint8_t u8;
+    uint16_t u16;
+    uint32_t u32;
+};
+
+Number toNumber(int id, unsigned long v) {
+    Number n{};
+    switch (typeOf(id)) {
+        case DT_OCTET: n.u8 = static_cast<uint8_t>(v); break;
+        case DT_WORD: n.u16 = static_cast<uint16_t>(v); break;
+        default: n.u32 = static_cast<uint32_t>(v); break;
+    }
+    return n;
+}
+
+unsigned long fromNumber(int id, const Number& n) {
+    const uint8_t t = typeOf(id);
+    return t == DT_OCTET ? n.u8 : t == DT_WORD ? n.u16 : n.u32;
+}
+
+// Reads the changed variable back from inside its callback.
+int reportWithValue(int32_t id) {
+    Number n{};
+    const int rc = CM_Get_Variable(id, &n);
+    reply("cb " + std::to_string(id) + " " + std::to_string(rc) + " " + std::to_string(fromNumber(id, n)));
+    return 0;
 }
 
 std::string get(int id) {
@@ -79,6 +109,12 @@ std::string run(std::istringstream& cmd, const std::string& verb) {
         return std::to_string(bad);
     }
     if (verb == "get") return get(static_cast<int>(a));
+    if (verb == "set") {
+        cmd >> b;
+        const Number n = toNumber(static_cast<int>(a), static_cast<unsigned long>(b));
+        return std::to_string(CM_Set_Variable(static_cast<int32_t>(a), &n));
+    }
+    if (verb == "regget") return std::to_string(CM_Register_Interest(static_cast<int32_t>(a), reportWithValue));
     return "unknown";
 }
 
@@ -135,7 +171,10 @@ bool Agent::readLine(std::string& line, std::chrono::milliseconds timeout) {
         if (nl != std::string::npos) {
             line = pending_.substr(0, nl);
             pending_.erase(0, nl + 1);
-            if (line.rfind("cb ", 0) == 0) callbacks_.push_back(std::atoi(line.c_str() + 3));
+            if (line.rfind("cb ", 0) == 0) {
+                callbacks_.push_back(std::atoi(line.c_str() + 3));
+                callbackLines_.push_back(line.substr(3));
+            }
             return true;
         }
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
@@ -163,6 +202,11 @@ std::vector<int> Agent::callbacks() {
     while (readLine(ignored, std::chrono::milliseconds(0))) {
     }
     return callbacks_;
+}
+
+std::vector<std::string> Agent::callbackLines() {
+    callbacks();
+    return callbackLines_;
 }
 
 bool Agent::waitCallbacks(size_t n, std::chrono::milliseconds timeout) {

@@ -11,6 +11,9 @@
 //   put <id> <value>     CM_PutDataItem with a number (host order, by type)
 //   putseq <id> <a> <b>  puts a, a+1, ..., b; answers the number of failed writes
 //   get <id>             "ok <rc> <number or text>"
+//   set <id> <value>     CM_Set_Variable with a number (host order, by type)
+//   regget <id>          register a callback that reads the variable with
+//                        CM_Get_Variable and reports "cb <id> <rc> <number>"
 //   exit                 CM_Exit(), then the process ends with status 0
 #pragma once
 
@@ -33,6 +36,8 @@ public:
     std::string call(const std::string& command, std::chrono::milliseconds timeout = std::chrono::seconds(20));
     // IDs reported by callbacks so far, in arrival order.
     std::vector<int> callbacks();
+    // The full text after "cb " of every callback report so far.
+    std::vector<std::string> callbackLines();
     // Waits until at least n callbacks have been reported.
     bool waitCallbacks(size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(10));
     // Ends the child ("exit") and returns its exit status.
@@ -45,6 +50,7 @@ private:
     int toChild_ = -1, fromChild_ = -1;
     std::string pending_;
     std::vector<int> callbacks_;
+    std::vector<std::string> callbackLines_;
 };
 
 }  // namespace cmtest

@@ -13,9 +13,9 @@
 #include "catalogue/catalogue.h"
 #include "configmanager/applog.h"
 #include "lifecycle/shutdown.h"
-#include "lifecycle/state.h"
 #include "log/log.h"
 #include "platform/paths.h"
+#include "process/state.h"
 #include "storage/file_state.h"
 #include "watch/watch_thread.h"
 
@@ -102,9 +102,9 @@ void resetLibraryState() {
         const auto& file = catalogue::sConfigItemList[i];
         for (int r = 0; r < file.iNumItems; ++r) file.pItems[r].setRecordOffset(catalogue::kNoRecord);
     }
-    lifecycle::ucCMInitialised = 0;
-    lifecycle::bCMmaster = 0;
-    lifecycle::s_bKillCM = 0;
+    process::ucCMInitialised = 0;
+    process::bCMmaster = 0;
+    process::s_bKillCM = 0;
 }
 
 bool waitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeout) {

@@ -6,7 +6,7 @@
 
 #include "storage/file_state.h"
 
-namespace cm::watch {
+namespace cm::inotify {
 
 inline constexpr size_t kEventBufferSize = 672;  // one read per pass
 inline constexpr size_t kEventHeader = 16;       // wd, mask, cookie, name length
@@ -22,4 +22,4 @@ struct PassFlags {
 // is never completed from the next read).
 void parseEvents(const uint8_t* buf, size_t len, PassFlags& flags);
 
-}  // namespace cm::watch
+}  // namespace cm::inotify

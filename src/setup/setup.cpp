@@ -1,23 +1,25 @@
-#include "storage/setup.h"
+#include "setup/setup.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "catalogue/lookup.h"
-#include "lifecycle/state.h"
+#include "inotify/inotify_watch.h"
 #include "log/log.h"
 #include "notify/registry.h"
+#include "process/state.h"
 #include "storage/byte_order.h"
 #include "storage/defaults.h"
 #include "storage/file_state.h"
 #include "storage/lock.h"
+#include "storage/map_guard.h"
 #include "storage/open_map.h"
-#include "watch/inotify_watch.h"
 
-namespace cm::storage {
+namespace cm::setup {
 namespace {
 
 constexpr auto kLogModule = log::Module::FileAccess;
+using namespace storage;
 
 int32_t lastVarId(int i) {
     const auto& f = catalogue::sConfigItemList[i];
@@ -27,12 +29,14 @@ int32_t lastVarId(int i) {
 // Header check: 2 when the header is missing or the version differs.
 int checkHeader(int i) {
     constexpr const char* fn = "CM_CheckVersion";
-    if (dwLenMappedFile[i] <= 3) {
+    uint8_t header[2];
+    // A file cut under the mapping reads as one too short for its header.
+    if (dwLenMappedFile[i] <= 3 || !guardedCopy(header, pMappedFile[i], sizeof header)) {
         CM_LOG(log::kWarn, fn, "CM data file [%d] '%s' length of %lu bytes is too short for file header\n", i,
                pathOf(i), static_cast<unsigned long>(dwLenMappedFile[i]));
         return kBadHeader;
     }
-    const unsigned version = loadBe16(pMappedFile[i]);
+    const unsigned version = loadBe16(header);
     const unsigned expected = catalogue::sConfigItemList[i].wVersion;
     if (version != expected) {
         CM_LOG(log::kWarn, fn, "Version mismatch for CM data file [%d] '%s'. File version = %u, code expects %u\n", i,
@@ -47,12 +51,15 @@ int checkHeader(int i) {
 int walkRecords(int i) {
     constexpr const char* fn = "CM_InitialiseDataStruct";
     const auto& file = catalogue::sConfigItemList[i];
-    const uint32_t mappedLen = dwLenMappedFile[i];
+    uint32_t mappedLen = dwLenMappedFile[i];
     const uint8_t* map = pMappedFile[i];
     uint32_t offset = kHeaderSize;
     for (int r = 0; r < file.iNumItems; ++r) {
         const auto& e = file.pItems[r];
         const uint32_t end = offset + e.wDataSize + kRecordHeader;
+        uint8_t header[kRecordHeader];
+        // A file cut under the mapping ends where the cut was met.
+        if (end <= mappedLen && !guardedCopy(header, map + offset, sizeof header)) mappedLen = offset;
         if (end > mappedLen) {
             if (mappedLen <= offset)
                 CM_LOG(log::kErr, fn, "CM data file [%d] '%s' only has %d items (expected %d items) : CM vars ID=%d to %d missing\n",
@@ -64,8 +71,8 @@ int walkRecords(int i) {
                        file.iFirstVarID + r, lastVarId(i));
             return kRecordsMissing;
         }
-        const int storedRel = loadBe16(map + offset);
-        const int storedLen = loadBe16(map + offset + 2);
+        const int storedRel = loadBe16(header);
+        const int storedLen = loadBe16(header + 2);
         if (storedRel != r) {
             CM_LOG(log::kErr, fn, "CM data file [%d] '%s' record at offset %lu  has wrong relative ID=%d (expected %d)\n",
                    i, pathOf(i), static_cast<unsigned long>(offset), storedRel, r);
@@ -91,14 +98,14 @@ void handleExtraBytes(int i, uint32_t fileLen, int result) {
     if (fileLen <= dwLenCorrectFile[i]) return;
     const unsigned long extra = fileLen - dwLenCorrectFile[i];
     const int items = catalogue::sConfigItemList[i].iNumItems;
-    if (!lifecycle::isMaster()) {
+    if (!process::isMaster()) {
         CM_LOG(log::kWarn, fn, "CM data file [%d] '%s' %s %lu extra bytes at end, after its %d items\n", i, pathOf(i),
                "has", extra, items);
     } else if (result == kFileGood) {
         CM_LOG(log::kWarn, fn,
                "CM data file [%d] '%s' had %lu extra bytes at end, after its %d items : removed the extra bytes\n", i,
                pathOf(i), extra, items);
-        if (ftruncate(fdRead[i], dwLenCorrectFile[i]) == 0) dwLenActualFile[i] = dwLenCorrectFile[i];
+        if (ftruncate(fdRead[i], dwLenCorrectFile[i]) == 0) dwLenActualFile[i] = dwLenCorrectFile[i].load();
     } else {
         CM_LOG(log::kWarn, fn, "CM data file [%d] '%s' %s %lu extra bytes at end, after its %d items\n", i, pathOf(i),
                "had", extra, items);
@@ -113,12 +120,12 @@ int setUpConfigFile(int i) {
     if (fdRead[i] >= 0) {
         // Checked again all the same: the caller wants a fresh look at the file.
         CM_LOG(log::kErr, fn, "CM data file [%d] '%s' is already open (FD=%d) - quit setup of it\n", i, pathOf(i),
-               fdRead[i]);
-    } else if (!lifecycle::isMaster()) {
+               fdRead[i].load());
+    } else if (!process::isMaster()) {
         openFile(i);
     } else if (openOrCreateFile(i) == 1) {
         writeDefaultData(i, true, true);
-        watch::addInotifyWatch(i);
+        inotify::addInotifyWatch(i);
         return 0;
     }
     if (fdRead[i] < 0) {
@@ -135,10 +142,12 @@ int initialiseDataStruct(int i, bool bInitPrev, bool bStartWatch) {
     if (fdRead[i] < 0) {
         CM_LOG(log::kErr, fn,
                "CM data file [%d] '%s' is not open (FD=%d), so can't check it or start inotify monitoring of it\n", i,
-               pathOf(i), fdRead[i]);
+               pathOf(i), fdRead[i].load());
         return -1;
     }
     FileLock whole(i, 0, 0);
+    // Released by another thread between the check above and the lock.
+    if (fdRead[i] < 0) return -1;
     const auto& file = catalogue::sConfigItemList[i];
     for (int r = 0; r < file.iNumItems; ++r) file.pItems[r].setRecordOffset(catalogue::kNoRecord);
     if (dwLenCorrectFile[i] == 0) dwLenCorrectFile[i] = correctLength(i);
@@ -156,18 +165,18 @@ int initialiseDataStruct(int i, bool bInitPrev, bool bStartWatch) {
         if (!mapped(i)) return -1;
     } else {
         unmapFile(i);
-        if (!lifecycle::isMaster()) {
+        if (!process::isMaster()) {
             bBadFile[i] = 1;
             return kFileEmptyOrShort;
         }
     }
 
     int result = kFileGood;
-    if (lifecycle::isMaster() && dwLenCorrectFile[i] > fileLen) {
+    if (process::isMaster() && dwLenCorrectFile[i] > fileLen) {
         CM_LOG(log::kErr, fn,
                "CM data file [%d] '%s' length of %lu bytes is %lu too short (expected %lu), so CM var record(s) missing or truncated\n",
                i, pathOf(i), static_cast<unsigned long>(fileLen), static_cast<unsigned long>(dwLenCorrectFile[i] - fileLen),
-               static_cast<unsigned long>(dwLenCorrectFile[i]));
+               static_cast<unsigned long>(dwLenCorrectFile[i].load()));
         result = kFileEmptyOrShort;
     } else {
         result = checkHeader(i);
@@ -176,15 +185,15 @@ int initialiseDataStruct(int i, bool bInitPrev, bool bStartWatch) {
     bBadFile[i] = result != kFileGood;
     handleExtraBytes(i, fileLen, result);
 
-    if (result != kFileGood && lifecycle::isMaster()) repairFromDefaults(i, false, fn);
+    if (result != kFileGood && process::isMaster()) repairFromDefaults(i, false, fn, true);
     if (bInitPrev) initialisePrevData(i);
-    if (bStartWatch) watch::addInotifyWatch(i);
+    if (bStartWatch) inotify::addInotifyWatch(i);
     return result;
 }
 
-int repairFromDefaults(int i, bool bInitPrev, const char* fn) {
+int repairFromDefaults(int i, bool bInitPrev, const char* fn, bool logAlways) {
     const int rc = writeDefaultData(i, false, bInitPrev);
-    if (rc == 0)
+    if (rc == 0 || logAlways)
         CM_LOG(log::kWarn, fn, "CM data file [%d] '%s' set to defaults for all its CM vars (ID=%d to %d), to fix data errors.\n",
                i, pathOf(i), catalogue::sConfigItemList[i].iFirstVarID, lastVarId(i));
     return rc;
@@ -202,4 +211,4 @@ int actionChangesToAllNewItems(int i) {
     return 0;
 }
 
-}  // namespace cm::storage
+}  // namespace cm::setup

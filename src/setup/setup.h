@@ -3,7 +3,7 @@
 // snapshot and watch.
 #pragma once
 
-namespace cm::storage {
+namespace cm::setup {
 
 // Check results of initialiseDataStruct.
 enum CheckResult : int {
@@ -21,9 +21,11 @@ int setUpConfigFile(int iFileIndex);
 // Checks an open file under the whole-file lock; returns a CheckResult or -1.
 int initialiseDataStruct(int iFileIndex, bool bInitPrev, bool bStartWatch);
 // Master's repair, with the whole-file lock held: rewrites the file from
-// defaults and logs it under `fn`.  0, or -1.
-int repairFromDefaults(int iFileIndex, bool bInitPrev, const char* fn);
+// defaults and logs "set to defaults" under `fn`: set-up logs it in every
+// case (logAlways), the watch thread's diff only when the rewrite worked.
+// 0, or -1.
+int repairFromDefaults(int iFileIndex, bool bInitPrev, const char* fn, bool logAlways);
 // Notifies every variable of the file as changed.  0, or -1.
 int actionChangesToAllNewItems(int iFileIndex);
 
-}  // namespace cm::storage
+}  // namespace cm::setup

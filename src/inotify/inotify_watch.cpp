@@ -1,30 +1,34 @@
-#include "watch/inotify_watch.h"
+#include "inotify/inotify_watch.h"
 
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
-#include "lifecycle/state.h"
 #include "log/log.h"
+#include "process/state.h"
 #include "storage/file_state.h"
 
-namespace cm::watch {
+namespace cm::inotify {
 namespace {
 
 constexpr auto kLogModule = log::Module::FileAccess;
 using namespace storage;
 
+std::atomic<bool> g_recheck[kNumFiles];
+
 // The checks shared by adding and removing a watch.
 bool checkWatchable(int i, const char* fn, bool forAdd) {
     if (!checkOpen(i, fn)) return false;
-    if (lifecycle::inotifyfd.load() < 0) {
+    if (process::inotifyfd.load() < 0) {
         CM_LOG(log::kErr, fn, "inotifyfd uninitialised for file no. %d\n", i);
         return false;
     }
     if (forAdd && inotifywd[i] >= 0) {
-        CM_LOG(log::kErr, fn, "inotifywd[%d](=%d) already assigned\n", i, inotifywd[i]);
+        CM_LOG(log::kErr, fn, "inotifywd[%d](=%d) already assigned\n", i, inotifywd[i].load());
         return false;
     }
     return true;
@@ -34,9 +38,11 @@ bool checkWatchable(int i, const char* fn, bool forAdd) {
 
 int addInotifyWatch(int i) {
     if (!checkWatchable(i, "CM_AddInotifyWatch", true)) return -1;
-    const int wd = inotify_add_watch(lifecycle::inotifyfd.load(), pathOf(i), kWatchMask);
+    const int wd = inotify_add_watch(process::inotifyfd.load(), pathOf(i), kWatchMask);
     if (wd < 0) {
         const int e = errno;
+        // Gone again before the watch was in place.
+        if (e == ENOENT) markForRecheck(i);
         CM_LOG_TAGGED(log::kErr, "**ERROR: CM_AddInotifyWatch, PID=%d. Failed to add '%s' to inotify_add_watch, errno=%d '%s'\n",
                       getpid(), pathOf(i), e, std::strerror(e));
         return -1;
@@ -44,6 +50,7 @@ int addInotifyWatch(int i) {
     inotifywd[i] = wd;
     CM_LOG_TAGGED(log::kDebug, "CM_AddInotifyWatch, PID=%d. Added '%s' to inotify list. inotifywd[] is %d\n", getpid(),
                   pathOf(i), wd);
+    if (pathNamesAnotherFile(i)) markForRecheck(i);
     return 0;
 }
 
@@ -51,7 +58,7 @@ int removeInotifyWatch(int i) {
     int rc = -1;
     if (checkWatchable(i, "CM_RemoveInotifyWatch", false)) {
         const int was = inotifywd[i];
-        if (inotify_rm_watch(lifecycle::inotifyfd.load(), was) != 0) {
+        if (inotify_rm_watch(process::inotifyfd.load(), was) != 0) {
             const int e = errno;
             CM_LOG_TAGGED(log::kErr, "**ERROR: CM_RemoveInotifyWatch, PID=%d. Failed to remove '%s' from inotify list, errno=%d '%s'\n",
                           getpid(), pathOf(i), e, std::strerror(e));
@@ -65,4 +72,20 @@ int removeInotifyWatch(int i) {
     return rc;
 }
 
-}  // namespace cm::watch
+bool pathNamesAnotherFile(int i) {
+    struct stat open{}, named{};
+    const int fd = fdRead[i];
+    if (fd < 0 || fstat(fd, &open) != 0) return false;
+    if (open.st_nlink == 0 || stat(pathOf(i), &named) != 0) return true;
+    return open.st_ino != named.st_ino || open.st_dev != named.st_dev;
+}
+
+void markForRecheck(int i) { g_recheck[i] = true; }
+bool takeRecheck(int i) { return g_recheck[i].exchange(false); }
+bool anyRecheck() {
+    for (const auto& r : g_recheck)
+        if (r.load()) return true;
+    return false;
+}
+
+}  // namespace cm::inotify

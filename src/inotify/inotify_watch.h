@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-namespace cm::watch {
+namespace cm::inotify {
 
 // IN_MODIFY | IN_CREATE | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF, plus
 // IN_ATTRIB: while any process holds a data file open, unlinking or
@@ -18,4 +18,17 @@ int addInotifyWatch(int iFileIndex);
 // Removes the watch; inotifywd is -1 afterwards in every case.
 int removeInotifyWatch(int iFileIndex);
 
-}  // namespace cm::watch
+// True when the open file is no longer the one its path names (unlinked,
+// or replaced by a rename).  False when the file is not open.
+bool pathNamesAnotherFile(int iFileIndex);
+
+// A file deleted or replaced between its (re-)creation and its new watch
+// sends no event to that watch.  addInotifyWatch looks at the path again
+// once the watch is in place and, when it names another file (or none),
+// marks the file here; the watch thread takes the mark at the start of its
+// next pass and handles the file as deleted.
+void markForRecheck(int iFileIndex);
+bool takeRecheck(int iFileIndex);
+bool anyRecheck();
+
+}  // namespace cm::inotify

@@ -1,0 +1,235 @@
+// Get and set through the C API: start state, the profile-download refusal,
+// the checked get's repair, the MAC cache, the set mutex held after a
+// password failure, callbacks that get and set, and the whole catalogue.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "catalogue/catalogue.h"
+#include "configmanager/cm_getset.h"
+#include "configmanager/cm_lifecycle.h"
+#include "configmanager/cm_notify.h"
+#include "configmanager/cm_storage.h"
+#include "configmanager/cm_values.h"
+#include "configmanager/cm_vars.h"
+#include "getset/mac_cache.h"
+#include "process/state.h"
+#include "platform/paths.h"
+#include "storage/file_state.h"
+#include "support/agent.h"
+#include "support/test_support.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+class GetSet : public ::testing::Test {
+protected:
+    void SetUp() override {
+        cmtest::resetLibraryState();
+        cm::paths::setRoot(root.dir());
+    }
+    void TearDown() override {
+        CM_Exit();
+        cmtest::resetLibraryState();
+    }
+    std::string files() {
+        std::string all;
+        for (int i = 0; i < CM_NUM_FILES; ++i) all += cmtest::readFile(cm::storage::pathOf(i));
+        return all;
+    }
+    cmtest::TempRoot root;
+    cmtest::CaptureSink sink;
+};
+
+TEST_F(GetSet, NothingHappensBeforeStart) {
+    uint32_t v = 0xAAAAAAAA;
+    EXPECT_EQ(CM_Get_Variable(CURRENT_IP4_SUBNET_MASK, &v), CM_ERR_NOT_STARTED_OR_ID);
+    EXPECT_EQ(CM_Get_Variable_Default_Value(CURRENT_IP4_SUBNET_MASK, &v), CM_ERR_NOT_STARTED_OR_ID);
+    EXPECT_EQ(CM_Get_Variable_Check_Value(CURRENT_IP4_SUBNET_MASK, &v), CM_ERR_NOT_STARTED_OR_ID);
+    EXPECT_EQ(v, 0xAAAAAAAAu);
+    EXPECT_EQ(CM_Set_Variable_CMI(CURRENT_IP4_SUBNET_MASK, &v, 0), CM_ERR_NOT_STARTED_OR_ID);
+    char text[CM_PASSWD_TEXT_SIZE] = "x";
+    EXPECT_EQ(CM_Get_Passwd(CURRENT_FILE_TRANSFER_PASSWORD, text), CM_ERR_NOT_STARTED_OR_ID);
+    EXPECT_STREQ(text, "");
+}
+
+TEST_F(GetSet, CodesAndLoggedFailures) {
+    ASSERT_EQ(CM_init(1), 0);
+    uint32_t v = 0;
+    for (int32_t id : {3290, -1, 210}) {
+        SCOPED_TRACE(id);
+        EXPECT_EQ(CM_Get_Variable(id, &v), CM_ERR_INVALID);  // the read fails before the ID test
+        EXPECT_EQ(CM_Get_Variable_Default_Value(id, &v), CM_ERR_INVALID);
+        EXPECT_EQ(CM_Set_Variable(id, &v), CM_ERR_INVALID);
+        EXPECT_EQ(CM_Set_Variable_CMI_Log_Error(id, &v, 1), CM_ERR_INVALID);
+    }
+    EXPECT_TRUE(sink.contains("**ERROR:CM_Set_Variable_CMI:../src/configparam.c:  Invalid CM variable ID = 210"));
+    EXPECT_EQ(CM_Get_Variable(UNIT_NAME, nullptr), CM_ERR_INVALID);
+    EXPECT_EQ(CM_Set_Variable(UNIT_NAME, nullptr), CM_ERR_INVALID);
+
+    // The logging variants name the variable.
+    EXPECT_EQ(CM_Set_Variable_Log_Error(CURRENT_FILE_TRANSFER_PASSWORD, std::string(128, 'p').c_str()),
+              CM_ERR_INVALID);
+    pthread_mutex_unlock(&cm::process::mCMMutex);  // left held by the password failure
+    EXPECT_TRUE(sink.contains("failed to set CM var CURRENT_FILE_TRANSFER_PASSWORD (ID=197)"));
+}
+
+TEST_F(GetSet, ProfileDownloadDropsPlainSetsOnly) {
+    ASSERT_EQ(CM_init(1), 0);
+    const uint8_t download = CM_FLAG_PROFILE_DOWNLOAD;
+    ASSERT_EQ(CM_Set_Variable(CM_FLAG, &download), 0);
+    uint16_t port = 5061, got = 0;
+    EXPECT_EQ(CM_Set_Variable(CURRENT_CMS_PORT_ADDRESS, &port), 0);
+    ASSERT_EQ(CM_Get_Variable(CURRENT_CMS_PORT_ADDRESS, &got), 0);
+    EXPECT_EQ(got, 9190);  // the default, untouched
+    EXPECT_TRUE(sink.contains("CM var ID=33 not set as profile update from NCMS in progress"));
+    EXPECT_EQ(CM_Set_Variable_CMI(CURRENT_CMS_PORT_ADDRESS, &port, 0), 0);
+    ASSERT_EQ(CM_Get_Variable(CURRENT_CMS_PORT_ADDRESS, &got), 0);
+    EXPECT_EQ(got, 5061);
+}
+
+TEST_F(GetSet, CheckedGetRepairsOutOfRangeNumbers) {
+    ASSERT_EQ(CM_init(1), 0);
+    uint8_t v = 9;  // VXRTP_CODEC_1: bounds 7..9, default 7
+    ASSERT_EQ(CM_Set_Variable(VXRTP_CODEC_1, &v), 0);
+    EXPECT_EQ(CM_Get_Variable_Check_Value(VXRTP_CODEC_1, &v), 0);
+    EXPECT_EQ(v, 9);
+    v = 10;
+    ASSERT_EQ(CM_Set_Variable(VXRTP_CODEC_1, &v), 0);
+    EXPECT_EQ(CM_Get_Variable_Check_Value(VXRTP_CODEC_1, &v), 1);
+    EXPECT_EQ(v, 7);
+    ASSERT_EQ(CM_Get_Variable(VXRTP_CODEC_1, &v), 0);
+    EXPECT_EQ(v, 7);
+    EXPECT_TRUE(sink.contains("**ERROR: CM var VXRTP_CODEC_1 (ID=924) bad value = 10 changed to default = 7\n"));
+
+    // A default outside its own bounds (1..2, default 0) is repaired at every read.
+    for (int round = 0; round < 2; ++round) EXPECT_EQ(CM_Get_Variable_Check_Value(CURRENT_FILE_TRANSFER_PROTOCOL, &v), 1);
+    EXPECT_EQ(sink.count("CURRENT_FILE_TRANSFER_PROTOCOL (ID=194) bad value = 0 changed to default = 0"), 2);
+
+    // Double words use the long form; texts are never checked or altered.
+    uint32_t mask = 5;  // below 0xff000000
+    ASSERT_EQ(CM_Set_Variable(CURRENT_IP4_SUBNET_MASK, &mask), 0);
+    EXPECT_EQ(CM_Get_Variable_Check_Value(CURRENT_IP4_SUBNET_MASK, &mask), 1);
+    EXPECT_TRUE(sink.contains("CURRENT_IP4_SUBNET_MASK (ID=6) bad value = 5 changed to default = 0"));
+    char text[300] = "";
+    ASSERT_EQ(CM_Set_Variable(UNIT_NAME, "zz"), 0);
+    EXPECT_EQ(CM_Get_Variable_Check_Value(UNIT_NAME, text), 0);
+    EXPECT_STREQ(text, "zz");
+}
+
+TEST_F(GetSet, FirstMacAddressKeepsSixBytesAndTheCache) {
+    ASSERT_EQ(CM_init(1), 0);
+    const uint8_t mac[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    ASSERT_EQ(CM_Set_Variable(MAC1_ADDRESS, mac), 0);
+    uint8_t got[8];
+    ASSERT_EQ(CM_Get_Variable(MAC1_ADDRESS, got), 0);
+    const uint8_t stored[8] = {1, 2, 3, 4, 5, 6, 0, 0};
+    EXPECT_EQ(std::memcmp(got, stored, 8), 0);
+    EXPECT_EQ(std::memcmp(cm::getset::szMACAddress, stored, 8), 0);
+    // A get refreshes the cache with what the file holds.
+    const uint8_t other[8] = {9, 9, 9, 9, 9, 9, 9, 9};
+    ASSERT_EQ(CM_PutDataItem(MAC1_ADDRESS, other), 1);
+    ASSERT_EQ(CM_Get_Variable(MAC1_ADDRESS, got), 0);
+    EXPECT_EQ(std::memcmp(cm::getset::szMACAddress, other, 8), 0);
+}
+
+TEST_F(GetSet, PasswordFailureLeavesTheSetMutexHeldByTheCaller) {
+    ASSERT_EQ(CM_init(1), 0);
+    const std::string tooLong(128, 'p');
+    ASSERT_EQ(CM_Set_Variable(CURRENT_FILE_TRANSFER_PASSWORD, tooLong.c_str()), CM_ERR_INVALID);
+    uint16_t port = 7000;
+    EXPECT_EQ(CM_Set_Variable(CURRENT_CMS_PORT_ADDRESS, &port), 0);  // same thread: recursive
+
+    std::atomic<int> result{1};
+    port = 7001;
+    std::thread other([&] { result = CM_Set_Variable(CURRENT_CMS_PORT_ADDRESS, &port); });
+    EXPECT_FALSE(cmtest::waitFor([&] { return result != 1; }, 300ms));  // blocked on the mutex
+    pthread_mutex_unlock(&cm::process::mCMMutex);
+    pthread_mutex_unlock(&cm::process::mCMMutex);
+    other.join();
+    EXPECT_EQ(result, 0);
+    uint16_t got = 0;
+    ASSERT_EQ(CM_Get_Variable(CURRENT_CMS_PORT_ADDRESS, &got), 0);
+    EXPECT_EQ(got, 7001);
+}
+
+std::atomic<int> g_seen{-1};
+
+int setFromCallback(int32_t) {
+    uint16_t port = 0;
+    CM_Get_Variable(CURRENT_CMS_PORT_ADDRESS, &port);
+    const uint32_t copy = port;
+    return CM_Set_Variable(CURRENT_IP4_SUBNET_MASK, &copy);
+}
+
+int recordMask(int32_t id) {
+    uint32_t v = 0;
+    if (CM_Get_Variable(id, &v) == 0) g_seen = static_cast<int>(v);
+    return 0;
+}
+
+TEST_F(GetSet, CallbacksMayGetAndSet) {
+    ASSERT_EQ(CM_init(1), 0);
+    ASSERT_EQ(CM_Register_Interest(CURRENT_CMS_PORT_ADDRESS, setFromCallback), 0);
+    ASSERT_EQ(CM_Register_Interest(CURRENT_IP4_SUBNET_MASK, recordMask), 0);
+    const uint16_t port = 4242;
+    ASSERT_EQ(CM_Set_Variable(CURRENT_CMS_PORT_ADDRESS, &port), 0);
+    EXPECT_TRUE(cmtest::waitFor([] { return g_seen == 4242; }));
+}
+
+// Every variable reads as its catalogue default after a master start, and
+// its bare text parses back without changing a byte of any file.  Octet
+// strings are left out: their text parses as raw bytes, not as hex.
+TEST_F(GetSet, EveryDefaultReadsAndItsTextRoundTrips) {
+    ASSERT_EQ(CM_init(1), 0);
+    const std::string before = files();
+    int checked = 0;
+    for (const auto& f : cm::catalogue::sConfigItemList) {
+        for (int r = 0; r < f.iNumItems; ++r) {
+            const auto& e = f.pItems[r];
+            const int32_t id = f.iFirstVarID + r;
+            SCOPED_TRACE(e.szVarTag);
+            alignas(8) uint8_t got[300] = {}, want[300] = {};
+            ASSERT_EQ(CM_Get_Variable(id, got), 0);
+            switch (e.ucDataType) {
+            case DT_OCTET: want[0] = static_cast<uint8_t>(e.oDefault.dwValue >> 24); break;
+            case DT_WORD: *reinterpret_cast<uint16_t*>(want) = static_cast<uint16_t>(e.oDefault.dwValue >> 16); break;
+            case DT_DWORD: *reinterpret_cast<uint32_t*>(want) = e.oDefault.dwValue; break;
+            case DT_IPADDR: break;  // no address: a socket address of family 0
+            default:
+                if (e.oDefault.pData) std::memcpy(want, e.oDefault.pData, e.wDataSize);
+            }
+            const size_t n = e.ucDataType == DT_IPADDR ? sizeof(sa_family_t) : e.wDataSize;
+            EXPECT_EQ(std::memcmp(got, want, n), 0);
+
+            if (e.ucDataType == DT_OCTET_STRING) continue;
+            char text[CM_VALUE_TEXT_SIZE];
+            ASSERT_EQ(CM_Get_Var_Value_As_String(id, text), 0);
+            EXPECT_EQ(CM_PutDataItemFromString(id, text), 0) << text;
+            ++checked;
+        }
+    }
+    EXPECT_GT(checked, 3000);
+    EXPECT_TRUE(files() == before);
+}
+
+// A set in one process is read back by a get in another from inside the
+// callback that tells it of the change.
+TEST_F(GetSet, SetInOneProcessIsReadInAnotherFromItsCallback) {
+    cmtest::Agent writer, reader;
+    ASSERT_EQ(writer.call("init 1"), "ok 0");
+    ASSERT_EQ(reader.call("init 0"), "ok 0");
+    ASSERT_EQ(reader.call("regget " + std::to_string(CURRENT_IP4_SUBNET_MASK)), "ok 0");
+    ASSERT_EQ(writer.call("set " + std::to_string(CURRENT_IP4_SUBNET_MASK) + " 4294967040"), "ok 0");
+    ASSERT_TRUE(reader.waitCallbacks(1));
+    EXPECT_EQ(reader.callbackLines().at(0), "6 0 4294967040");
+    EXPECT_EQ(writer.finish(), 0);
+    EXPECT_EQ(reader.finish(), 0);
+}
+
+}  // namespace
