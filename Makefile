@@ -7,6 +7,8 @@
 #   make install-check    install into a scratch prefix and build a C program against it
 #   make demo             the library at work, driven by cmctl, in a temporary device tree
 #   make deps             install the Debian packages of the native build (tools/install-deps.sh)
+#   make fuzz             build the libFuzzer targets with clang under ASan/UBSan into
+#                         build-fuzz/ and run each for FUZZ_SECONDS (default 60)
 BUILD ?= build
 BUILD_BE ?= build-be
 PREFIX ?= /usr/local
@@ -80,3 +82,20 @@ demo: build
 
 clean:
 	rm -rf $(BUILD) $(BUILD_BE)
+
+# Fuzzing: every target runs for FUZZ_SECONDS, seeded from tests/fuzz-corpus/.
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
+FUZZ_CC ?= clang-14
+FUZZ_CXX ?= clang++-14
+FUZZ_FLAGS := -fsanitize=address,undefined -fno-sanitize-recover=undefined -fsanitize=fuzzer-no-link -g -O1
+
+.PHONY: fuzz build-fuzz
+build-fuzz:
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_C_COMPILER=$(FUZZ_CC) -DCMAKE_CXX_COMPILER=$(FUZZ_CXX) \
+	  -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_FLAGS="$(FUZZ_FLAGS)" -DCMAKE_CXX_FLAGS="$(FUZZ_FLAGS)" \
+	  -DCM_BUILD_FUZZERS=ON -DCM_BUILD_TESTS=OFF -DCM_BUILD_EXAMPLES=OFF -DCM_BUILD_BENCHMARKS=OFF
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzzers
+
+fuzz: build-fuzz
+	tools/fuzz/run-fuzzers.sh $(FUZZ_BUILD)/fuzz $(FUZZ_SECONDS)

@@ -37,6 +37,12 @@ BIG_ENDIAN=(
     dpkg-dev
 )
 
+# Fuzzing (make fuzz): clang with libFuzzer and the sanitizer runtimes.
+FUZZ=(
+    clang-14
+    libclang-rt-14-dev
+)
+
 missing() {
     local p
     for p in "$@"; do
@@ -53,9 +59,9 @@ install() {
 }
 
 case "${1:-}" in
-    "") install "${NATIVE[@]}" "${BIG_ENDIAN[@]}" ;;
+    "") install "${NATIVE[@]}" "${BIG_ENDIAN[@]}" "${FUZZ[@]}" ;;
     --native) install "${NATIVE[@]}" ;;
-    --list) printf '%s\n' "${NATIVE[@]}" "${BIG_ENDIAN[@]}" ;;
+    --list) printf '%s\n' "${NATIVE[@]}" "${BIG_ENDIAN[@]}" "${FUZZ[@]}" ;;
     --check)
         # Only Debian-like systems can be checked; elsewhere CMake reports.
         command -v dpkg-query >/dev/null || exit 0

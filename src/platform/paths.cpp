@@ -13,6 +13,8 @@ namespace {
 struct Resolved {
     char root[PATH_MAX] = "";  // without trailing '/'; empty means "/"
     char lockFile[PATH_MAX] = "";
+    char tagCache[PATH_MAX] = "";
+    char tagCacheTemp[PATH_MAX] = "";
     bool ready = false;
 };
 
@@ -33,6 +35,7 @@ bool build(std::string_view root) {
     std::memcpy(next.root, root.data(), root.size());
     next.root[root.size()] = '\0';
     if (!join(next.lockFile, root, kDefaultsLockFile)) return false;
+    if (!join(next.tagCache, root, kTagCacheFile) || !join(next.tagCacheTemp, root, kTagCacheTempFile)) return false;
     next.ready = true;
     g_paths = next;
     g_generation.fetch_add(1, std::memory_order_release);
@@ -66,5 +69,8 @@ unsigned generation() {
 }
 
 const char* defaultsLockFile() { return paths().lockFile; }
+
+const char* tagCacheFile() { return paths().tagCache; }
+const char* tagCacheTempFile() { return paths().tagCacheTemp; }
 
 }  // namespace cm::paths

@@ -13,6 +13,9 @@ namespace cm::paths {
 // Device paths of the fixed files outside the catalogue; each gets a
 // resolved copy below.
 inline constexpr const char* kDefaultsLockFile = "/tmp/_LoadDefaultsAllLock_";
+// The sorted tag cache and the temporary file it is written through.
+inline constexpr const char* kTagCacheFile = "/var/AppData/config/CMTagSortedList.txt";
+inline constexpr const char* kTagCacheTempFile = "/var/AppData/config/CMTagSortedList.txt_temp";
 
 // Sets the root directory ("/" or empty for the device layout).  Returns
 // false when the text is too long for a path.
@@ -27,5 +30,8 @@ bool resolve(char* out, std::string_view devicePath);
 unsigned generation();
 // The resolved path of the all-defaults lock file.
 const char* defaultsLockFile();
+// The resolved paths of the tag cache and of its temporary file.
+const char* tagCacheFile();
+const char* tagCacheTempFile();
 
 }  // namespace cm::paths

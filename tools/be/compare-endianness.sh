@@ -2,7 +2,7 @@
 # Shows that the data files are independent of the host's byte order: runs
 # the sample writer of the native (little-endian) build and of the s390x
 # (big-endian) build under qemu, each into a fresh root, and compares their
-# output and every data file byte for byte.
+# output, every data file and the backup text byte for byte.
 #
 #   tools/be/compare-endianness.sh NATIVE_BUILD_DIR BE_BUILD_DIR
 #
@@ -51,12 +51,21 @@ for f in "${files[@]}"; do
     fi
 done
 
+# The backup text of the configuration.
+mapfile -t backups < <(sed -n 's/^backup //p' "$WORK/le.out")
+for f in "${backups[@]}"; do
+    if [[ ! -s $WORK/le$f ]] || ! cmp "$WORK/le$f" "$WORK/be$f"; then
+        echo "compare-endianness: backup text $f differs or is missing" >&2
+        status=1
+    fi
+done
+
 # Nothing else may differ either (lock and marker files, caches).
 if ! diff -rq "$WORK/le" "$WORK/be" >&2; then
     status=1
 fi
 
 if [[ $status -eq 0 ]]; then
-    echo "compare-endianness: ${#files[@]} data files identical ($(head -n1 "$WORK/le.out"))"
+    echo "compare-endianness: ${#files[@]} data files and ${#backups[@]} backup text identical ($(head -n1 "$WORK/le.out"))"
 fi
 exit $status

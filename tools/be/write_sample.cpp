@@ -1,7 +1,9 @@
 // Writes a fixed set of data files under a given root directory: every file
 // created from defaults, then a deterministic value put
 // into every numeric, text and raw-byte variable through the C API, and
-// finally defaults group 3 reset.
+// finally defaults group 3 reset.  Then a backup text of the whole
+// configuration (volatile and octet data included) is written to
+// ROOT/backup.txt: it must be identical on every host as well.
 //
 // tools/be/compare-endianness.sh runs the native build and the s390x build of
 // this program and compares the results byte for byte: the files are defined
@@ -143,6 +145,19 @@ int main(int argc, char** argv) {
                 t.refused, t.readBackWrong, resetFailed);
 
     for (int i = 0; i < CM_NUM_FILES; ++i) std::printf("file %s\n", cm::catalogue::sConfigItemList[i].szPath);
+
+    // Addresses and an enciphered password through their text forms, then
+    // the backup text.
+    int textFailed = 0;
+    for (const auto& [id, text] : {std::pair{CURRENT_IP4_ADDRESS, "192.0.2.1"}, std::pair{CURRENT_IP6_ADDRESS, "2001:db8::7"},
+                                   std::pair{CURRENT_FILE_TRANSFER_PASSWORD, "sample secret"}})
+        if (CM_PutDataItemFromString(id, text) < 0) ++textFailed;
+    const std::string backup = root + "/backup.txt";
+    if (textFailed != 0 || CM_BackupConfig_common(backup.c_str(), 1, 1) != 0) {
+        std::fprintf(stderr, "backup text failed\n");
+        return 1;
+    }
+    std::printf("backup /backup.txt\n");
 
     if (CM_Exit() != 0) {
         std::fprintf(stderr, "stop failed\n");

@@ -1,0 +1,59 @@
+#include "backup/backup.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "backup/value_line.h"
+#include "catalogue/catalogue.h"
+#include "configmanager/cm_vars.h"
+#include "log/log.h"
+#include "log/syslog_direct.h"
+#include "tags/software_version.h"
+
+namespace cm::backup {
+namespace {
+
+constexpr int kVolatileFile = 0;
+
+// The version must be one word for the restore's first-line reader.
+const char* versionWord(const char* v) {
+    return v[0] == '\0' || std::strpbrk(v, " \t\n\r") != nullptr ? "0.000.0.0" : v;
+}
+
+}  // namespace
+
+int backupConfig(const char* path, bool includeVolatile, bool includeOctetData) {
+    if (path == nullptr) return -1;
+    std::remove(path);
+    FILE* fp = std::fopen(path, "w");
+    if (fp == nullptr) {
+        log::syslogDirect(3, "Unable to open %s for Writing\n", path);
+        return -1;
+    }
+    char version[tags::kVersionBuf];
+    if (tags::readSoftwareVersion(version) != 0) {
+        CM_LOG_TAGGED(log::kErr, "**ERROR: CM_BackupConfig_common: Unable to read CM var %s\n", "SOFTWARE_VERSION");
+        std::fclose(fp);
+        return -1;
+    }
+    CM_LOG_TAGGED(log::kInfo, "CM_BackupConfig_common: Get SOFTWARE_VERSION success, value is: %s\n", version);
+    std::fprintf(fp, "SOFTWARE_VERSION : %s\n", versionWord(version));
+
+    for (int f = includeVolatile ? kVolatileFile : kVolatileFile + 1; f < catalogue::kNumFiles; ++f) {
+        const auto& file = catalogue::sConfigItemList[f];
+        for (int rel = 0; rel < file.iNumItems; ++rel) {
+            if (file.iFirstVarID + rel == SOFTWARE_VERSION) continue;  // it is line 1
+            writeValueLine(fp, f, rel, includeOctetData);
+        }
+    }
+    // Errors of the single writes are not tested; the data is synced before
+    // the caller is told the backup is complete.
+    std::fflush(fp);
+    fsync(fileno(fp));
+    std::fclose(fp);
+    return 0;
+}
+
+}  // namespace cm::backup

@@ -1,0 +1,223 @@
+// The sorted tag table, its cache file and the lookups by tag.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "catalogue/catalogue.h"
+#include "configmanager/configmanager.h"
+#include "log/log.h"
+#include "platform/paths.h"
+#include "storage/file_state.h"
+#include "support/test_support.h"
+#include "tags/tag_table.h"
+
+using cm::catalogue::sConfigItemList;
+using cm::log::Channel;
+
+namespace {
+
+struct CatalogueTag {
+    std::string tag;
+    int file, rel;
+};
+
+std::vector<CatalogueTag> catalogueTags() {
+    std::vector<CatalogueTag> all;
+    for (int f = 0; f < CM_NUM_FILES; ++f)
+        for (int r = 0; r < sConfigItemList[f].iNumItems; ++r) all.push_back({sConfigItemList[f].pItems[r].szVarTag, f, r});
+    return all;
+}
+
+std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string l; std::getline(in, l);) out.push_back(l);
+    return out;
+}
+
+std::string join(const std::vector<std::string>& ls) {
+    std::string s;
+    for (const auto& l : ls) s += l + "\n";
+    return s;
+}
+
+class Tags : public ::testing::Test {
+protected:
+    void SetUp() override {
+        cmtest::resetLibraryState();
+        cm::tags::resetLoadedFlag();
+        cm::paths::setRoot(root.dir());
+        ASSERT_EQ(CM_init(1), 0);
+        cm::log::dwLogFilter = 7;  // informational messages too
+        cache = cm::paths::tagCacheFile();
+    }
+    void TearDown() override {
+        cmtest::resetLibraryState();
+        cm::tags::resetLoadedFlag();
+    }
+    // The cache as a fresh mapping writes it.
+    std::vector<std::string> soundCache() {
+        EXPECT_EQ(CM_TagMapping(), 1);
+        return lines(cmtest::readFile(cache));
+    }
+    cmtest::TempRoot root;
+    cmtest::CaptureSink sink;
+    std::string cache;
+};
+
+TEST_F(Tags, MappingSortsEveryTagAndWritesTheCache) {
+    auto expected = catalogueTags();
+    ASSERT_EQ(expected.size(), static_cast<size_t>(CM_NUM_TAGS));
+    std::sort(expected.begin(), expected.end(), [](auto& a, auto& b) { return a.tag < b.tag; });
+
+    const auto cached = soundCache();
+    EXPECT_TRUE(sink.contains("There are 3088 total CM variables in the system."));
+    ASSERT_EQ(cached.size(), 3089u);
+    EXPECT_EQ(cached[0], "Unknown");
+    for (int i = 0; i < CM_NUM_TAGS; ++i) {
+        const auto& row = cm::tags::Tag_FileIndex_Id[i];
+        ASSERT_EQ(cm::tags::rowTag(row), expected[i].tag) << i;
+        EXPECT_EQ(cached[i + 1], std::to_string(expected[i].file) + " " + std::to_string(expected[i].rel));
+    }
+    EXPECT_NE(access(cm::paths::tagCacheTempFile(), F_OK), 0) << "the temporary file was renamed";
+
+    // Bisection finds every tag; "" and a tag after the last one are not found.
+    for (const auto& t : expected) {
+        int32_t id = -1;
+        ASSERT_EQ(CM_FindMatchingCMvarTag(t.tag.c_str(), &id), 0) << t.tag;
+        EXPECT_EQ(id, sConfigItemList[t.file].iFirstVarID + t.rel);
+    }
+    for (const char* missing : {"", "\x7f\x7f", "A", "UNIT_NAMEX"}) {
+        int32_t id = 77;
+        sink.clear();
+        EXPECT_EQ(CM_FindMatchingCMvarTag(missing, &id), -1);
+        EXPECT_EQ(id, 77);
+        const auto ls = sink.lines();
+        ASSERT_EQ(ls.size(), 1u);
+        EXPECT_EQ(ls[0].channel, Channel::Syslog);
+        EXPECT_EQ(ls[0].priority, 6);
+        EXPECT_EQ(ls[0].text, std::string("<<CM_FindMatchingCMvarTag>> Tag ") + missing + " not found\n");
+    }
+}
+
+// Each defect of the cache leads to a rebuild with its message, never to a
+// failed load; the rebuilt cache is the sound one.
+TEST_F(Tags, EveryCacheDefectIsRebuilt) {
+    const auto sound = soundCache();
+    auto withLine = [&](int lineNo, const std::string& text) {
+        auto c = sound;
+        c[lineNo - 1] = text;
+        return join(c);
+    };
+    auto firstLines = [&](size_t n) { return join({sound.begin(), sound.begin() + n}); };
+    struct Case {
+        const char* name;
+        std::string content;  // nothing written when "-"
+        std::string message;
+    };
+    const std::string p = cache;
+    const std::vector<Case> cases = {
+        {"missing", "-", "CM_Load_CMTagSortedList:  Unable to open file " + p + " to read, so creating it.\n"},
+        {"older version", withLine(1, "3.399.0.0"),
+         "CM_Load_CMTagSortedList:  File " + p + " has wrong software version number, so re-creating it.\n"},
+        {"empty", "", "has wrong software version number"},
+        {"3087 entries", firstLines(3088),
+         "CM_Load_CMTagSortedList:  Processed 3087 CM var entries from file " + p + " but expected 3088, so re-creating it.\n"},
+        {"3089 entries", join(sound) + "0 0\n",
+         "CM_Load_CMTagSortedList:  File " + p + " has too many lines (expected 3088), so re-creating it.\n"},
+        {"file index 10", withLine(40, "10 0"),
+         "CM_Load_CMTagSortedList:  Bad data (10, 0) from file " + p + " line 40, so re-creating it.\n"},
+        {"network has 121", withLine(3089, "2 121"), "Bad data (2, 121) from file " + p + " line 3089"},
+        {"junk", withLine(7, "x y"),
+         "CM_Load_CMTagSortedList:  Bad data or error while reading file " + p + " line 7, so re-creating it, errno="},
+        {"one number", withLine(2, "3 x"), "line 2, so re-creating it"},
+        {"binary", std::string("Unknown\n\0\xff\x01 5\n", 13), "Bad data or error while reading file"},
+    };
+    g_iConsoleLog = 1;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        unlink(cache.c_str());
+        if (c.content != "-") cmtest::writeFile(cache, c.content);
+        sink.clear();
+        EXPECT_EQ(CM_Load_CMTagSortedList(), 1);
+        EXPECT_TRUE(sink.contains(c.message)) << (sink.lines().empty() ? "" : sink.lines()[0].text);
+        EXPECT_EQ(lines(cmtest::readFile(cache)), sound);
+    }
+}
+
+TEST_F(Tags, QuestionableCachesThatAreAccepted) {
+    const auto sound = soundCache();
+    // A negative number is taken as it stands; lookups then never read the
+    // catalogue through it.
+    auto c = sound;
+    c[1] = "-1 0";
+    cmtest::writeFile(cache, join(c));
+    sink.clear();
+    EXPECT_EQ(CM_Load_CMTagSortedList(), 1);
+    EXPECT_TRUE(sink.lines().empty());
+    int found = 0;
+    for (const auto& t : catalogueTags()) {
+        int32_t id;
+        if (CM_FindMatchingCMvarTag(t.tag.c_str(), &id) != 0) continue;
+        ++found;
+        EXPECT_EQ(CM_GetCMvarTag(id), t.tag);
+    }
+    EXPECT_EQ(found, CM_NUM_TAGS - 1);
+
+    // Without a readable SOFTWARE_VERSION the version check is skipped.
+    c = sound;
+    c[0] = "old";
+    cmtest::writeFile(cache, join(c));
+    CM_CleanUp();
+    cmtest::resetLibraryState();
+    EXPECT_EQ(CM_Load_CMTagSortedList(), 1);
+    EXPECT_EQ(cmtest::readFile(cache), join(c));
+}
+
+TEST_F(Tags, ACacheThatCannotBeWrittenFailsEveryLookup) {
+    // The temporary path is a directory: it cannot be opened.
+    ASSERT_EQ(mkdir(cm::paths::tagCacheTempFile(), 0755), 0);
+    EXPECT_EQ(CM_TagMapping(), 0);
+    EXPECT_TRUE(sink.contains("CM_TagMapping:" + std::string(cm::log::modulePath(cm::log::Module::FileAccess)) +
+                              ":  Unable to open file " + cm::paths::tagCacheTempFile() + " for write operation\n"));
+    int32_t id;
+    EXPECT_EQ(CM_FindMatchingCMvarTag("UNIT_NAME", &id), -1);
+    EXPECT_EQ(cm::tags::bSortedListLoaded, 0) << "retried at the next lookup";
+    ASSERT_EQ(rmdir(cm::paths::tagCacheTempFile()), 0);
+
+    // The final path is a directory: the rename fails and neither file stays.
+    ASSERT_EQ(mkdir(cache.c_str(), 0755), 0);
+    sink.clear();
+    EXPECT_EQ(CM_TagMapping(), 0);
+    EXPECT_TRUE(sink.contains(std::string("Rename of file ") + cm::paths::tagCacheTempFile() + " to " + cache +
+                              " failed so deleted it, errno="));
+    EXPECT_NE(access(cache.c_str(), F_OK), 0);
+    EXPECT_NE(access(cm::paths::tagCacheTempFile(), F_OK), 0);
+    EXPECT_EQ(CM_FindMatchingCMvarTag("UNIT_NAME", &id), 0);
+    EXPECT_EQ(id, UNIT_NAME);
+}
+
+TEST_F(Tags, LinearSearch) {
+    g_iConsoleLog = 1;
+    int32_t f = 5, r = 5;
+    EXPECT_EQ(CM_FindFileIndexRelativeIDCMTag("", &f, &r), -1);
+    EXPECT_EQ(f, 5);
+    EXPECT_TRUE(sink.contains("CM_FindFileIndexRelativeIDCMTag:  Failed: Supplied Tag is empty\n"));
+    EXPECT_EQ(CM_FindFileIndexRelativeIDCMTag("UNIT_NAM", &f, &r), -1);
+    EXPECT_EQ(f, -1);
+    EXPECT_EQ(r, -1);
+    EXPECT_TRUE(sink.contains("CM_FindFileIndexRelativeIDCMTag:  Did not find match for Tag UNIT_NAM\n"));
+    EXPECT_EQ(CM_FindFileIndexRelativeIDCMTag("UNIT_NAME", &f, &r), 0);
+    EXPECT_EQ(sConfigItemList[f].iFirstVarID + r, UNIT_NAME);
+    EXPECT_TRUE(sink.contains("CM_FindFileIndexRelativeIDCMTag:  Found match for Tag UNIT_NAME: FileIndex=9 (rel=" +
+                              std::to_string(r) + ") in file '" + cm::storage::pathOf(9) + "'\n"));
+    EXPECT_EQ(CM_FindFileIndexRelativeIDCMTag(nullptr, &f, &r), -1);
+    EXPECT_EQ(CM_CompareVarNames(nullptr, nullptr), 0);
+}
+
+}  // namespace
