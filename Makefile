@@ -9,6 +9,7 @@
 #   make deps             install the Debian packages of the native build (tools/install-deps.sh)
 #   make fuzz             build the libFuzzer targets with clang under ASan/UBSan into
 #                         build-fuzz/ and run each for FUZZ_SECONDS (default 60)
+#   make check-leaks      run the tests and check they touched nothing outside their roots
 BUILD ?= build
 BUILD_BE ?= build-be
 PREFIX ?= /usr/local
@@ -79,6 +80,12 @@ deps:
 # Master, watcher and cmctl in a temporary device tree; removes the tree.
 demo: build
 	tools/demo.sh $(BUILD)
+
+# Runs the suite and fails when it touched anything outside its temporary
+# roots (/tmp, /var/log, /var/www, /etc/pki, /home, /root, message queues).
+.PHONY: check-leaks
+check-leaks: build
+	tools/check-no-leaks.sh ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 
 clean:
 	rm -rf $(BUILD) $(BUILD_BE)

@@ -27,11 +27,12 @@ LAYERS = [
     "setup",      # checking, repairing and watching one data file
     "watch",      # the watch thread and its per-file actions
     "lifecycle",  # start and stop
-    "getset",     # get and set by absolute ID
-    "text",       # value text forms
     "tags",       # the sorted tag table, its cache, lookups by tag
     "backup",     # the configuration backup text
     "restore",    # restore from a backup text, with a filter
+    "applog",     # log settings that follow variables, remote log events
+    "batch",      # batch changes and profile downloads
+    "defaults",   # loading general, factory and all defaults
     "capi",       # the exported C functions
 ]
 

@@ -19,6 +19,14 @@ CM_EXPORT int CM_Host_SetRootDirectory(const char* szRoot);
 /* The current root directory. */
 CM_EXPORT const char* CM_Host_GetRootDirectory(void);
 
+/* The POSIX message queue name the library opens for a device queue name
+ * such as "/CMSIF_InputMessages": the name itself under the root "/", else
+ * the name with a prefix derived from the root, so that processes sharing a
+ * root share queues and nothing else does.  Writes at most iSize bytes
+ * (always terminated); 0, or -1 for null pointers or a name that does not
+ * fit. */
+CM_EXPORT int CM_Host_QueueName(const char* szDeviceName, char* szOut, int iSize);
+
 CM_EXTERN_C_END
 
 #endif

@@ -11,18 +11,18 @@
 #define CONFIGMANAGER_CONFIGMANAGER_H
 
 #include "configmanager/applog.h"
+#include "configmanager/applog_settings.h"
 #include "configmanager/cm_backup.h"
+#include "configmanager/cm_batch.h"
+#include "configmanager/cm_defaults.h"
 #include "configmanager/cm_getset.h"
 #include "configmanager/cm_lifecycle.h"
 #include "configmanager/cm_lookup.h"
 #include "configmanager/cm_notify.h"
 #include "configmanager/cm_setup.h"
 #include "configmanager/cm_storage.h"
-<<<<<<< HEAD
-#include "configmanager/cm_tools.h"
-=======
 #include "configmanager/cm_tags.h"
->>>>>>> tags
+#include "configmanager/cm_tools.h"
 #include "configmanager/cm_types.h"
 #include "configmanager/cm_values.h"
 #include "configmanager/cm_vars.h"

@@ -1,7 +1,10 @@
 // C entry points of the host and test extensions.
 #include "configmanager/cm_host.h"
+#include "platform/env.h"
 #include "platform/paths.h"
 #include "process/state.h"
+
+#include <cstring>
 
 extern "C" {
 
@@ -11,5 +14,13 @@ CM_EXPORT int CM_Host_SetRootDirectory(const char* szRoot) {
 }
 
 CM_EXPORT const char* CM_Host_GetRootDirectory(void) { return cm::paths::root(); }
+
+CM_EXPORT int CM_Host_QueueName(const char* szDeviceName, char* szOut, int iSize) {
+    if (szDeviceName == nullptr || szOut == nullptr || iSize <= 0) return -1;
+    const std::string name = cm::platform::queueName(szDeviceName);
+    if (name.size() >= static_cast<size_t>(iSize)) return -1;
+    std::memcpy(szOut, name.c_str(), name.size() + 1);
+    return 0;
+}
 
 }

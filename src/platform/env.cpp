@@ -40,6 +40,8 @@ Env& env() {
 
 void setEnv(Env* e) { g_env.store(e, std::memory_order_release); }
 
+int Env::shell(const char* command) { return std::system(command); }
+
 int tid() { return static_cast<int>(::syscall(SYS_gettid)); }
 
 }  // namespace cm::platform

@@ -9,6 +9,8 @@
 
 #include <chrono>
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 namespace cm::platform {
 
@@ -20,6 +22,10 @@ public:
     virtual std::chrono::steady_clock::time_point now() = 0;
     // Non-negative pseudo-random number, as random() gives.
     virtual long random() = 0;
+    // Runs a command through the system shell, as system() does, and returns
+    // its result.  Tests override it to record the commands of the factory
+    // reset (and may still run them inside their own root).
+    virtual int shell(const char* command);
 };
 
 Env& env();
@@ -31,5 +37,12 @@ inline void sleepSeconds(long s) { env().sleepFor(std::chrono::seconds(s)); }
 
 // Kernel thread ID of the calling thread.
 int tid();
+
+// The POSIX message queue name to open for a device queue name such as
+// "/CMSIF_InputMessages".  Under the root directory "/" that is the name
+// itself; under any other root the name gets a prefix derived from the root
+// ("/cm<16 hex digits>.CMSIF_InputMessages"), so that processes sharing a
+// root share queues and nothing else does.
+std::string queueName(std::string_view deviceName);
 
 }  // namespace cm::platform

@@ -20,6 +20,8 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -43,6 +45,12 @@ public:
     // Ends the child ("exit") and returns its exit status.
     int finish();
     pid_t pid() const { return pid_; }
+
+    // Adds a command for the agents of one test file; its handler reads the
+    // arguments and returns the text after "ok ".  Add before spawning:
+    // the child inherits the table.
+    using Verb = std::function<std::string(std::istringstream&)>;
+    static void addVerb(const std::string& name, Verb handler);
 
 private:
     bool readLine(std::string& line, std::chrono::milliseconds timeout);

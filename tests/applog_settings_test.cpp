@@ -1,0 +1,183 @@
+// Log settings that follow their variables across processes, and the text
+// of remote log events.
+#include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <string>
+
+#include "applog/remote_log.h"
+#include "catalogue/lookup.h"
+#include "configmanager/applog.h"
+#include "configmanager/applog_settings.h"
+#include "configmanager/cm_getset.h"
+#include "configmanager/cm_lifecycle.h"
+#include "configmanager/cm_vars.h"
+#include "log/log.h"
+#include "notify/registry.h"
+#include "support/agent.h"
+#include "support/test_support.h"
+
+namespace {
+
+// Writes a number in the width of the variable's type.
+int setNumber(int32_t id, uint32_t v) {
+    cm::catalogue::Location loc{};
+    if (!cm::catalogue::locate(id, loc)) return -1;
+    const uint8_t u8 = static_cast<uint8_t>(v);
+    const uint16_t u16 = static_cast<uint16_t>(v);
+    switch (cm::catalogue::entry(loc.iFileIndex, loc.iVarID_Rel).ucDataType) {
+        case DT_OCTET: return CM_Set_Variable_CMI(id, &u8, 0);
+        case DT_WORD: return CM_Set_Variable_CMI(id, &u16, 0);
+        default: return CM_Set_Variable_CMI(id, &v, 0);
+    }
+}
+
+int setAddress(int32_t id, int family, const char* text) {
+    sockaddr_in6 sa{};
+    sa.sin6_family = static_cast<sa_family_t>(family);
+    if (family == AF_INET)
+        inet_pton(AF_INET, text, &reinterpret_cast<sockaddr_in*>(&sa)->sin_addr);
+    else
+        inet_pton(AF_INET6, text, &sa.sin6_addr);
+    return CM_Set_Variable_CMI(id, &sa, 0);
+}
+
+class Applog : public ::testing::Test {
+protected:
+    void SetUp() override {
+        cmtest::resetLibraryState();
+        cm::notify::clearRegistry();
+        cm::log::oApplogState = 0;
+    }
+    void TearDown() override {
+        cmtest::resetLibraryState();
+        cm::log::oApplogState = 0;
+    }
+    void start() {
+        ASSERT_EQ(CM_init(1), 0);
+    }
+    cmtest::TempRoot root;
+};
+
+TEST_F(Applog, RemoteLogEventText) {
+    cmtest::CaptureSink log;
+    start();
+    RemoteLog(6, 21, "%s", "too early");
+    EXPECT_FALSE(log.contains("^^VX"));
+
+    // A unit name with conversions prints as it stands.
+    ASSERT_EQ(CM_Set_Variable_CMI(UNIT_NAME, "gw %n%s 100%", 0), 0);
+    const uint8_t mac[8] = {0x00, 0x11, 0x22, 0xAA, 0xBB, 0xCC, 0, 0};
+    ASSERT_EQ(CM_Set_Variable_CMI(MAC1_ADDRESS, mac, 0), 0);
+    ASSERT_EQ(setAddress(CURRENT_IP4_ADDRESS, AF_INET, "10.1.2.3"), 0);
+    ASSERT_EQ(setAddress(CURRENT_IP6_ADDRESS, AF_INET6, "2001:db8::1"), 0);
+    ASSERT_EQ(Applog_init(GENERAL_LOG_MODE, GENERAL_LOG_FILTER), 0);
+    EXPECT_EQ(Applog_init(GENERAL_LOG_MODE, GENERAL_LOG_FILTER), -1);
+
+    const struct {
+        uint8_t ip4Status, ip6Status;
+        const char* addresses;
+    } cases[] = {
+        {3, 0, "no ip address"},
+        {4, 3, "10.1.2.3"},
+        {0, 6, "2001:db8::1"},
+        {4, 4, "10.1.2.3 2001:db8::1"},
+    };
+    const auto event = [](const char* text, const char* addresses, const char* seq) {
+        return std::string("^^VX Code=000021;") + text + ";Device=Zr440;Unit Name=gw %n%s 100%;IP Address=" +
+               addresses + ";MAC=00:11:22:AA:BB:CC;Seq No=" + seq;
+    };
+    const char* seqs[] = {"00000", "00001", "00002", "00003"};
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_EQ(setNumber(CURRENT_IP4_ADDRESS_STATUS, cases[i].ip4Status), 0);
+        ASSERT_EQ(setNumber(CURRENT_IP6_ADDRESS_STATUS, cases[i].ip6Status), 0);
+        RemoteLogChanged(CURRENT_IP6_ADDRESS_STATUS);
+        log.clear();
+        RemoteLog(0x106, 21, "%s", "General Defaults Loaded");
+        ASSERT_EQ(log.lines().size(), 1u);
+        EXPECT_EQ(log.lines()[0].text, event("General Defaults Loaded", cases[i].addresses, seqs[i]));
+    }
+
+    // The caller's format takes its arguments; neither the gate nor the
+    // console setting applies; the sequence number wraps after 99999.
+    g_iConsoleLog = 1;
+    cm::log::oLogMode = 0;
+    cm::applog::setNextSeqNo(99999);
+    log.clear();
+    RemoteLog(3, 21, "x=%d %s", 5, "y");
+    RemoteLog(0x107, 21, "100%%");
+    const auto lines = log.lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].text, event("x=5 y", "10.1.2.3 2001:db8::1", "99999"));
+    EXPECT_EQ(lines[1].text, event("100%", "10.1.2.3 2001:db8::1", "00000"));
+    for (const auto& l : lines) EXPECT_EQ(l.channel, cm::log::Channel::Syslog);
+    EXPECT_EQ(lines[0].priority, 3);
+    EXPECT_EQ(lines[1].priority, 7);
+}
+
+// Agent commands: bind the log settings, and report where a message of a
+// given level goes ("none", "console" or "syslog").
+cmtest::CaptureSink* g_childLog = nullptr;
+
+void addLogVerbs() {
+    cmtest::Agent::addVerb("applog", [](std::istringstream& in) {
+        int32_t mode = 0, filter = 0;
+        in >> mode >> filter;
+        g_childLog = new cmtest::CaptureSink;  // lives as long as the child
+        return std::to_string(Applog_init(mode, filter));
+    });
+    cmtest::Agent::addVerb("emit", [](std::istringstream& in) {
+        uint32_t level = 0;
+        in >> level;
+        g_childLog->clear();
+        CM_LOG_TAGGED(level, "probe\n");
+        const auto lines = g_childLog->lines();
+        if (lines.empty()) return std::string("none");
+        return std::string(lines[0].channel == cm::log::Channel::Console ? "console" : "syslog");
+    });
+}
+
+TEST_F(Applog, SettingsFollowVariablesChangedByAnotherProcess) {
+    addLogVerbs();
+    cmtest::Agent agent;
+    start();
+    ASSERT_EQ(agent.call("init 0"), "ok 0");
+    // 'once': logging on for this run, off for the next.
+    ASSERT_EQ(setNumber(GENERAL_LOG_MODE, 2), 0);
+    ASSERT_EQ(agent.call("applog " + std::to_string(GENERAL_LOG_MODE) + " " + std::to_string(GENERAL_LOG_FILTER)),
+              "ok 0");
+    uint8_t mode = 0xFF;
+    ASSERT_EQ(CM_Get_Variable(GENERAL_LOG_MODE, &mode), 0);
+    EXPECT_EQ(mode, 0);
+    // A later change in the same file, once heard, proves the watcher has
+    // also handled the write of the 'once' mode.
+    ASSERT_EQ(agent.call("reg " + std::to_string(GENERAL_LOG_FILTER)), "ok 0");
+    ASSERT_EQ(setNumber(GENERAL_LOG_FILTER, 6), 0);
+    ASSERT_TRUE(agent.waitCallbacks(1));
+    EXPECT_EQ(agent.call("emit 259"), "ok syslog");
+
+    const struct {
+        int32_t id;
+        uint32_t value;
+        uint32_t level;
+        const char* where;
+    } steps[] = {
+        // Each step changes what the agent does, so that waiting for it
+        // proves the change was heard before the next one is made.
+        {GENERAL_LOG_FILTER, 3, 262, "none"},     {GENERAL_LOG_MODE, 0x80, 259, "none"},
+        {GENERAL_LOG_MODE, 1, 259, "syslog"},     {GENERAL_LOG_MODE, 0, 259, "none"},
+        {GENERAL_LOG_MODE, 1, 259, "syslog"},     {GENERAL_LOG_FILTER, 7, 263, "syslog"},
+        {CONSOLE_LOG, 1, 263, "console"},         {CONSOLE_LOG, 2, 263, "syslog"},
+        {GENERAL_LOG_FILTER, 0x17, 0x106, "none"}, {GENERAL_LOG_FILTER, 0x17, 6, "syslog"},
+    };
+    for (const auto& s : steps) {
+        ASSERT_GE(setNumber(s.id, s.value), 0);
+        const std::string want = std::string("ok ") + s.where;
+        EXPECT_TRUE(cmtest::waitFor([&] { return agent.call("emit " + std::to_string(s.level)) == want; }))
+            << s.id << "=" << s.value << " level " << s.level << ": want " << s.where;
+    }
+    EXPECT_EQ(agent.finish(), 0);
+}
+
+}  // namespace

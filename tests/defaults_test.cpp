@@ -1,0 +1,212 @@
+// Loading defaults at its three levels, on real files in a private root:
+// which records each level resets, the factory reset's clean-up run for real
+// inside the root, and the all-defaults lock file seen by another process.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "catalogue/catalogue.h"
+#include "configmanager/cm_defaults.h"
+#include "configmanager/cm_getset.h"
+#include "configmanager/cm_lifecycle.h"
+#include "configmanager/cm_vars.h"
+#include "defaults/cleanup.h"
+#include "log/log.h"
+#include "platform/paths.h"
+#include "storage/file_state.h"
+#include "support/agent.h"
+#include "support/test_support.h"
+
+namespace fs = std::filesystem;
+using cm::catalogue::sConfigItemList;
+using Files = std::array<std::string, CM_NUM_FILES>;
+
+namespace {
+
+Files readAll() {
+    Files f;
+    for (int i = 0; i < CM_NUM_FILES; ++i) f[i] = cmtest::readFile(cm::storage::pathOf(i));
+    return f;
+}
+
+// Calls fn(file, relative ID, offset of the record's data) for every record.
+template <typename Fn>
+void forEachRecord(Fn fn) {
+    for (int i = 0; i < CM_NUM_FILES; ++i) {
+        uint32_t off = 4;
+        for (int r = 0; r < sConfigItemList[i].iNumItems; ++r) {
+            fn(i, r, off + 4);
+            off += sConfigItemList[i].pItems[r].wDataSize + 4;
+        }
+    }
+}
+
+// Changes the first data byte of every record, writing in place.
+Files flipEveryRecord(const Files& in) {
+    Files out = in;
+    forEachRecord([&](int i, int, uint32_t data) { out[i][data] ^= 0x5A; });
+    for (int i = 0; i < CM_NUM_FILES; ++i) {
+        const int fd = open(cm::storage::pathOf(i), O_WRONLY);
+        if (fd < 0) continue;
+        EXPECT_EQ(pwrite(fd, out[i].data(), out[i].size(), 0), static_cast<ssize_t>(out[i].size()));
+        close(fd);
+    }
+    return out;
+}
+
+class Defaults : public ::testing::Test {
+protected:
+    void SetUp() override { cmtest::resetLibraryState(); }
+    void TearDown() override { cmtest::resetLibraryState(); }
+    void start() {
+        ASSERT_EQ(CM_init(1), 0);
+        pristine = readAll();
+    }
+    cmtest::TempRoot root;
+    Files pristine;
+};
+
+TEST_F(Defaults, GeneralDefaultsResetExactlyGroupThree) {
+    cmtest::CaptureSink log;
+    start();
+    const Files flipped = flipEveryRecord(pristine);
+    EXPECT_EQ(CM_Load_Defaults(), 0);
+    Files expected = flipped;
+    int group3 = 0;
+    forEachRecord([&](int i, int r, uint32_t data) {
+        if (sConfigItemList[i].pItems[r].ucAttrib < 3) return;
+        expected[i][data] = pristine[i][data];
+        ++group3;
+    });
+    ASSERT_GT(group3, 100);
+    EXPECT_EQ(readAll(), expected);
+    EXPECT_TRUE(log.contains("****** Loaded General (GROUP3) CM variable defaults. ******\n"));
+}
+
+// Records the shell commands, and runs them: inside the private root.
+class ShellRecorder final : public cm::platform::Env {
+public:
+    ShellRecorder() { cm::platform::setEnv(this); }
+    ~ShellRecorder() override { cm::platform::setEnv(nullptr); }
+    void sleepFor(std::chrono::nanoseconds) override { std::this_thread::sleep_for(std::chrono::microseconds(200)); }
+    std::chrono::steady_clock::time_point now() override { return std::chrono::steady_clock::now(); }
+    long random() override { return 0; }
+    int shell(const char* command) override {
+        commands.emplace_back(command);
+        return std::system(command);
+    }
+    std::vector<std::string> commands;
+};
+
+TEST_F(Defaults, FactoryResetKeepsTheVersionAndCleansOnlyInsideTheRoot) {
+    // A root that breaks naive quoting, or runs a command if unquoted.
+    const std::string dir = root.dir() + "/it's a root;touch INJECTED";
+    fs::create_directories(dir + "/tmp");
+    fs::create_directories(dir + "/var/AppData/config");
+    ASSERT_TRUE(cm::paths::setRoot(dir));
+    cmtest::CaptureSink log;
+    ShellRecorder shell;
+    start();
+    // Files each step removes, and near misses that must survive.
+    const struct {
+        const char* path;
+        bool removed;
+    } planted[] = {
+        {"/var/log/messages", 1}, {"/var/log/messages.1", 1}, {"/var/log/old_messages", 0}, {"/tmp/a.txt", 1},
+        {"/tmp/a.txt.gz", 0}, {"/tmp/sub/deep.txt", 0}, {"/tmp/log_1", 1}, {"/tmp/catalog_1", 0},
+        {"/tmp/Zr440_CM_backup.7z", 1}, {"/var/log/ControlTask_2", 1}, {"/var/log/ControlTask", 0},
+        {"/var/log/cmsif_msg.0", 1}, {"/var/log/dsp_status", 1}, {"/var/log/dsp_stat", 0}, {"/var/log/a.pcap", 1},
+        {"/var/log/a.pcapng", 0}, {"/home/VXEngineer/engg/techsupport.tgz", 1}, {"/home/VXEngineer/techsupport.tgz", 0},
+        {"/var/www/shttpd.pem", 1}, {"/etc/pki/tls/private/sip.pem", 1}, {"/etc/pki/tls/certs/sip.pem", 1},
+        {"/etc/pki/tls/certs/sip.pem.bak", 0}, {"/root/.ash_history", 1}, {"/home/VXEngineer/.ash_history", 1},
+        {"/root/.bash_history", 0},
+    };
+    for (const auto& p : planted) {
+        fs::create_directories(fs::path(dir + p.path).parent_path());
+        cmtest::writeFile(dir + p.path, "x");
+    }
+    flipEveryRecord(readAll());
+    const char version[22] = "9.9.9-field";
+    ASSERT_EQ(CM_Set_Variable_CMI(SOFTWARE_VERSION, version, 0), 0);
+    ASSERT_EQ(CM_Set_Variable_CMI(PRE_UPGRADE_SOFTWARE_VERSION, version, 0), 0);
+
+    EXPECT_EQ(CM_Load_Factory_Defaults(), 0);
+    for (const auto& p : planted) EXPECT_EQ(fs::exists(dir + p.path), !p.removed) << p.path;
+    EXPECT_TRUE(fs::exists(dir + "/var/AppData/.clearhistory"));
+    EXPECT_FALSE(fs::exists("INJECTED"));
+    EXPECT_FALSE(fs::exists(dir + "/tmp/INJECTED"));
+    EXPECT_TRUE(log.contains("****** Loading Factory CM variable defaults ******\n"));
+    EXPECT_TRUE(log.contains("****** Loaded Factory CM variable defaults ******\n"));
+
+    // Every command names its path after the root, quoted for the shell.
+    const std::string quoted = "'" + root.dir() + "/it'\\''s a root;touch INJECTED'/";
+    EXPECT_EQ(shell.commands.size(), 12u);
+    for (const auto& c : shell.commands) EXPECT_TRUE(c.find("rm -f " + quoted) == 0 || c.find("touch " + quoted) == 0) << c;
+
+    // Everything is back at its default except the software version.
+    char got[22] = {};
+    ASSERT_EQ(CM_Get_Variable(SOFTWARE_VERSION, got), 0);
+    EXPECT_STREQ(got, version);
+    ASSERT_EQ(CM_Set_Variable_CMI(SOFTWARE_VERSION, "Unknown", 0), 0);
+    EXPECT_EQ(readAll(), pristine);
+
+    // On the device the commands are the fixed strings themselves.
+    ASSERT_TRUE(cm::paths::setRoot("/"));
+    EXPECT_EQ(cm::defaults::shellCommand({"rm -f ", "/tmp/*.txt"}), "rm -f /tmp/*.txt");
+    ASSERT_TRUE(cm::paths::setRoot(dir));
+}
+
+// Notes whether the lock file exists whenever a record is written.
+class LockProbe final : public cm::log::Sink {
+public:
+    LockProbe() { cm::log::setSink(this); }
+    ~LockProbe() override { cm::log::setSink(nullptr); }
+    void write(cm::log::Channel, int, const char* fmt, va_list) override {
+        if (std::strstr(fmt, "written at offset")) (access(cm::paths::defaultsLockFile(), F_OK) == 0 ? held : free)++;
+        if (std::strstr(fmt, "Failed to create lock file")) ++lockFailed;
+        if (std::strstr(fmt, "but with errors during processing")) ++withErrors;
+    }
+    int held = 0, free = 0, lockFailed = 0, withErrors = 0;
+};
+
+TEST_F(Defaults, AllDefaultsRebuildEveryFileUnderTheLockFile) {
+    cmtest::Agent watcher;  // spawned before this process starts the library
+    start();
+    const Files flipped = flipEveryRecord(pristine);
+    cmtest::writeFile(cm::storage::pathOf(7), flipped[7] + "trailing junk");
+    ASSERT_EQ(watcher.call("init 0"), "ok 0");
+    ASSERT_EQ(watcher.call("reg " + std::to_string(CMS_LINK_INACTIVITY)), "ok 0");
+
+    cm::log::dwLogFilter = 7;  // lets the per-record progress lines through
+    LockProbe probe;
+    EXPECT_EQ(CM_Load_All_Defaults(), 0);
+    cm::log::dwLogFilter = 5;
+    EXPECT_EQ(probe.free, 0);
+    EXPECT_GE(probe.held, 3088);
+    EXPECT_NE(access(cm::paths::defaultsLockFile(), F_OK), 0);
+    EXPECT_EQ(readAll(), pristine);
+    ASSERT_TRUE(watcher.waitCallbacks(1));
+    EXPECT_EQ(watcher.callbacks(), std::vector<int>{CMS_LINK_INACTIVITY});
+    EXPECT_EQ(watcher.call("get " + std::to_string(CMS_LINK_INACTIVITY)), "ok 0 15");
+    EXPECT_EQ(watcher.finish(), 0);
+
+    // Without /tmp neither the lock file nor the volatile file can be made:
+    // the other nine are still rebuilt, and the failure is counted.
+    fs::remove_all(root.path("/tmp"));
+    flipEveryRecord(pristine);
+    LockProbe failing;
+    EXPECT_EQ(CM_LoadAllDefaults(), -1);
+    EXPECT_EQ(failing.lockFailed, 1);
+    EXPECT_EQ(failing.withErrors, 1);
+    const Files after = readAll();
+    for (int i = 1; i < CM_NUM_FILES; ++i) EXPECT_EQ(after[i], pristine[i]) << "file " << i;
+}
+
+}  // namespace

@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# Runs a command (by default the test suite of build/) and fails when it
+# created, changed or deleted anything in the places a configuration manager
+# on a device would touch: /tmp, /var/log, /var/www, /etc/pki, /home, /root,
+# and the message queues in /dev/mqueue.  Everything the suite does belongs
+# inside its own temporary roots, which it removes again.
+#
+#   tools/check-no-leaks.sh                     # ctest in build/
+#   tools/check-no-leaks.sh make test JOBS=2    # any command
+#
+# On a shared machine other people's work in /tmp shows up too; CI runs it
+# on a machine of its own.  The system log daemon's journal is left out: it
+# belongs to the system, not to the suite.
+set -euo pipefail
+
+cd "$(dirname "$0")/.."
+if [ $# -eq 0 ]; then
+    set -- ctest --test-dir build --output-on-failure -j "${JOBS:-$(nproc)}"
+fi
+
+WATCHED=(/tmp /var/log /var/www /etc/pki /home /root /dev/mqueue)
+
+# One line per entry: path, type, size and (for all but directories, whose
+# times change whenever an entry comes and goes) modification time.
+snapshot() {
+    local d
+    for d in "${WATCHED[@]}"; do
+        [ -e "$d" ] || continue
+        find "$d" -xdev -path /var/log/journal -prune -o \
+            \( -type d -printf '%p d\n' \) -o \( -printf '%p %y %s %T@\n' \) 2>/dev/null || true
+    done | LC_ALL=C sort
+}
+
+# Kept in memory: a file for them would itself be a change.
+before=$(snapshot)
+
+status=0
+"$@" || status=$?
+
+after=$(snapshot)
+if [ "$before" != "$after" ]; then
+    echo "check-no-leaks: the run created, changed or deleted files outside its temporary roots:" >&2
+    diff <(printf '%s\n' "$before") <(printf '%s\n' "$after") | grep '^[<>]' |
+        sed 's/^</  gone or changed:/; s/^>/  new or changed: /' >&2
+    exit 1
+fi
+echo "check-no-leaks: nothing outside the temporary roots was touched"
+exit "$status"
