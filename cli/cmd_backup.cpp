@@ -11,7 +11,6 @@
 
 #include "commands.h"
 #include "context.h"
-#include "optional_api.h"
 #include "value_text.h"
 #include "vars.h"
 
@@ -46,19 +45,17 @@ struct TempFile {
 
 void backup() {
     applyGlobalOptions();
-    auto* fn = requiredFunction<int(const char*, int, int)>("CM_BackupConfig_common", "backup");
     Library lib(Start::Reader);
     const bool toStdout = g_backup.file == "-";
     TempFile tmp;
     const std::string& path = toStdout ? tmp.path : g_backup.file;
-    if (fn(path.c_str(), g_backup.includeVolatile ? 1 : 0, g_backup.octets ? 1 : 0) != 0)
+    if (CM_BackupConfig_common(path.c_str(), g_backup.includeVolatile ? 1 : 0, g_backup.octets ? 1 : 0) != 0)
         throw Failure("backup to '" + g_backup.file + "' failed");
     if (toStdout) std::cout << std::ifstream(path).rdbuf() << std::flush;
 }
 
 void restore() {
     applyGlobalOptions();
-    auto* fn = requiredFunction<int(const char*, const char*)>("CM_RestoreConfig", "restore");
     Library lib(Start::Reader);
     TempFile tmp;
     std::string path = g_restore.file;
@@ -68,7 +65,7 @@ void restore() {
     } else if (access(path.c_str(), R_OK) != 0) {
         throw Failure("cannot read '" + path + "'");
     }
-    const int rc = fn(path.c_str(), g_restore.filter.empty() ? nullptr : g_restore.filter.c_str());
+    const int rc = CM_RestoreConfig(path.c_str(), g_restore.filter.empty() ? nullptr : g_restore.filter.c_str());
     if (rc != 0)
         throw Failure("restore from '" + g_restore.file + "' " +
                       (rc == 1 ? "had errors (not a backup, or some values were refused; -v shows which)"
@@ -129,7 +126,7 @@ void addBackupCommands(CLI::App& app) {
     auto* b = app.add_subcommand("backup", "Write the configuration to a text file, one 'NAME : VALUE' line per variable");
     b->add_option("FILE", g_backup.file, "File to write ('-' for standard output)")->required();
     b->add_flag("--volatile", g_backup.includeVolatile, "Include the volatile (run-time) variables");
-    b->add_flag("--octets", g_backup.octets, "Include octet strings and (enciphered) passwords");
+    b->add_flag("--octets", g_backup.octets, "Include octet strings and (enciphered) passwords; restore writes octet strings back as the text it reads, so leave them out of a backup meant for restoring");
     b->callback(backup);
 
     auto* r = app.add_subcommand("restore", "Set every variable named in a backup file to the value it holds");

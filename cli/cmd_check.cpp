@@ -139,16 +139,10 @@ void check() {
 
 void master() {
     applyGlobalOptions();
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    sigaddset(&stop, SIGHUP);
-    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+    blockStopSignals();
     Library lib(Start::Master);
     std::fprintf(stderr, "cmctl: master running under %s; Ctrl-C ends\n", options().root.c_str());
-    int sig = 0;
-    sigwait(&stop, &sig);
+    waitForStop();
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 
 #include "commands.h"
 #include "context.h"
-#include "optional_api.h"
 
 namespace cmctl {
 namespace {
@@ -25,17 +24,16 @@ bool confirmed(const std::string& what) {
 
 void defaults() {
     applyGlobalOptions();
-    const char* fnName = g_which == "general" ? "CM_LoadGeneralDefaults"
-                         : g_which == "factory" ? "CM_LoadFactoryDefaults"
-                                                : "CM_LoadAllDefaults";
-    auto* fn = requiredFunction<int()>(fnName, ("defaults " + g_which).c_str());
+    int (*const load)() = g_which == "general"   ? CM_LoadGeneralDefaults
+                          : g_which == "factory" ? CM_LoadFactoryDefaults
+                                                 : CM_LoadAllDefaults;
     if (g_which == "factory" &&
         !confirmed("Factory defaults reset every variable and delete logs, histories and certificates."))
         throw Failure("not confirmed; nothing changed");
     if (g_which == "all" && !confirmed("All defaults rewrite every data file from defaults."))
         throw Failure("not confirmed; nothing changed");
     Library lib(Start::Reader);
-    const int rc = fn();
+    const int rc = load();
     if (rc != 0) throw Failure(g_which + " defaults loaded with errors (result " + std::to_string(rc) + ")");
 }
 

@@ -9,7 +9,6 @@
 
 #include "commands.h"
 #include "context.h"
-#include "optional_api.h"
 #include "value_text.h"
 #include "vars.h"
 
@@ -36,8 +35,7 @@ struct ShowArgs {
 // The plain text of a password, deciphered by the library.
 std::string revealed(const VarInfo& v) {
     char plain[CM_PASSWD_TEXT_SIZE] = "";
-    auto* getPasswd = requiredFunction<int(int32_t, char*)>("CM_Get_Passwd", "--reveal");
-    const int rc = getPasswd(v.id, plain);
+    const int rc = CM_Get_Passwd(v.id, plain);
     if (rc != 0) throw Failure(v.name + ": cannot decipher the password (result " + std::to_string(rc) + ")");
     return plain;
 }
@@ -93,8 +91,6 @@ void set() {
     const std::string text = g_set.value == "-" ? readStdin(v.type == DT_PASSWORD) : g_set.value;
     // Checked before the library starts: a refused value never gets near the file.
     ValueBuffer value = parseValue(v, text);
-    using SetFn = int(int32_t, const void*, int);
-    auto* setCmi = requiredFunction<SetFn>("CM_Set_Variable_CMI", "set");
     Library lib(Start::Reader);
     if (!g_set.force) {
         // The library drops a plain set during a profile download and calls
@@ -103,8 +99,7 @@ void set() {
         if (readValue(flagVar).bytes[0] == CM_FLAG_PROFILE_DOWNLOAD)
             throw Failure(v.name + ": not set, a profile download is in progress (use --force to write all the same)");
     }
-    const int rc = g_set.force ? setCmi(v.id, value.data(), 0)
-                               : requiredFunction<int(int32_t, const void*)>("CM_Set_Variable", "set")(v.id, value.data());
+    const int rc = g_set.force ? CM_Set_Variable_CMI(v.id, value.data(), 0) : CM_Set_Variable(v.id, value.data());
     if (rc != 0) throw Failure(v.name + ": the write failed (result " + std::to_string(rc) + ")");
 }
 

@@ -67,14 +67,9 @@ int onChange(int32_t id) {
 void watch() {
     applyGlobalOptions();
     const auto vars = selectVars(g_args);
-    // The signals are taken by sigwait below; the watch thread the library
+    // The signals are waited for below; the watch thread the library
     // starts inherits the blocked mask, so Ctrl-C always reaches this thread.
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    sigaddset(&stop, SIGHUP);
-    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+    blockStopSignals();
 
     Library lib(Start::Watcher);
     {
@@ -84,8 +79,7 @@ void watch() {
     for (const VarInfo* v : vars)
         if (CM_Register_Interest(v->id, onChange) != 0) throw Failure(v->name + ": cannot watch it");
     std::fprintf(stderr, "cmctl: watching %zu variable%s; Ctrl-C ends\n", vars.size(), vars.size() == 1 ? "" : "s");
-    int sig = 0;
-    sigwait(&stop, &sig);
+    waitForStop();
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "context.h"
 
+#include <signal.h>
 #include <sys/stat.h>
 
 #include <string>
@@ -84,6 +85,29 @@ Library::Library(Start how) {
 }
 
 Library::~Library() { CM_Exit(); }
+
+namespace {
+
+sigset_t stopSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, sig);
+    return set;
+}
+
+}  // namespace
+
+void blockStopSignals() {
+    const sigset_t set = stopSignals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) signal(sig, SIG_DFL);
+}
+
+void waitForStop() {
+    const sigset_t set = stopSignals();
+    int sig = 0;
+    sigwait(&set, &sig);
+}
 
 int32_t idOf(const std::string& name) {
     int32_t id = -1;

@@ -52,6 +52,14 @@ public:
 // Applies --root and the log options; called before any library use.
 void applyGlobalOptions();
 
+// Blocks SIGINT, SIGTERM and SIGHUP in this thread (threads started later
+// inherit the mask) so that waitForStop() takes them; an ignored disposition
+// inherited from a shell's background job is reset, or the signal would be
+// discarded before it could be waited for.
+void blockStopSignals();
+// Waits for one of them.
+void waitForStop();
+
 // The absolute ID of a variable name, or Failure("NAME: no such variable").
 int32_t idOf(const std::string& name);
 

@@ -11,7 +11,6 @@
 #include <configmanager/configmanager.h>
 
 #include "context.h"
-#include "optional_api.h"
 
 namespace cmctl {
 namespace {
@@ -140,10 +139,7 @@ ValueBuffer parseValue(const VarInfo& v, const std::string& text) {
 
 ValueBuffer readValue(const VarInfo& v) {
     ValueBuffer b;
-    // The get of the variable interface when the library has it, else the
-    // record read under it (the same value, without the interface's extras).
-    static auto* getVariable = optionalFunction<int(int32_t, void*)>("CM_Get_Variable");
-    const int rc = getVariable ? getVariable(v.id, b.data()) : CM_GetDataItem(v.id, b.data());
+    const int rc = CM_Get_Variable(v.id, b.data());
     if (rc != 0) throw Failure(v.name + ": cannot read the value (result " + std::to_string(rc) + ")");
     return b;
 }

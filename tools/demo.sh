@@ -46,7 +46,7 @@ wait_lines() {
 }
 
 say "1. A master process starts in an empty device tree: $ROOT"
-cmctl master 2>"$ROOT/master.log" &
+"$BUILD/cmctl" --root "$ROOT" master 2>"$ROOT/master.log" &
 PIDS+=($!)
 wait_lines "$ROOT/master.log" 1
 cat "$ROOT/master.log"
@@ -56,7 +56,8 @@ pause
 
 say "2. A second process watches four variables"
 WATCH_LOG="$ROOT/watch.log"
-cmctl watch UNIT_NAME MTU_VALUE IP4_SNMP_MGR CURRENT_FILE_TRANSFER_PASSWORD >"$WATCH_LOG" 2>"$ROOT/watch.err" &
+"$BUILD/cmctl" --root "$ROOT" watch UNIT_NAME MTU_VALUE IP4_SNMP_MGR CURRENT_FILE_TRANSFER_PASSWORD \
+    >"$WATCH_LOG" 2>"$ROOT/watch.err" &
 PIDS+=($!)
 wait_lines "$ROOT/watch.err" 1
 cat "$ROOT/watch.err"
@@ -82,7 +83,9 @@ run set IP4_SNMP_MGR 192.0.2.300 || echo "   (exit status $?)"
 pause
 
 say "5. A backup, then a reset to factory defaults"
-run backup --volatile --octets "$ROOT/backup.txt"
+# Without --octets: a restore writes octet strings back as the text it reads,
+# so a backup meant for restoring leaves them (and passwords) out.
+run backup "$ROOT/backup.txt"
 grep -E '^(SOFTWARE_VERSION|UNIT_NAME|MTU_VALUE|IP4_SNMP_MGR) ' "$ROOT/backup.txt" | sed 's/^/   /'
 run defaults factory --yes
 seen=$((seen + 4))
@@ -90,9 +93,9 @@ watcher_saw "$seen"
 run show --changed
 pause
 
-say "6. Restore from the backup; the watcher sees every value come back"
+say "6. Restore from the backup; the watcher sees the values come back"
 run restore "$ROOT/backup.txt"
-seen=$((seen + 4))
+seen=$((seen + 3))
 watcher_saw "$seen"
 run show --changed
 run diff "$ROOT/backup.txt" && echo "   (no differences)"
