@@ -10,6 +10,15 @@
 #   make fuzz             build the libFuzzer targets with clang under ASan/UBSan into
 #                         build-fuzz/ and run each for FUZZ_SECONDS (default 60)
 #   make check-leaks      run the tests and check they touched nothing outside their roots
+#   make test-asan        build into build-asan/ with the address and undefined-behaviour
+#                         sanitizers, run every test (halts on the first report)
+#   make test-tsan        build into build-tsan/ with the thread sanitizer, run every test
+#                         (suppressions for both: tests/sanitizers/*.supp, each with its reason)
+#   make stress           1 master and 7 other processes write and watch for STRESS_SECONDS
+#                         (default 25); fails on any lost change, mismatch, crash or hang
+#   make sweep            corruption sweep: byte flips, truncations, junk on data files;
+#                         the master must repair each, no process may crash or hang
+#                         (stops after SWEEP_BUDGET seconds, default 90)
 BUILD ?= build
 BUILD_BE ?= build-be
 PREFIX ?= /usr/local
@@ -17,6 +26,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
 .PHONY: all build test test-be build-be be-sysroot compare-be install install-check clean demo deps
+.PHONY: test-asan test-tsan build-asan build-tsan stress sweep
 
 all: build
 
@@ -87,9 +97,6 @@ demo: build
 check-leaks: build
 	tools/check-no-leaks.sh ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 
-clean:
-	rm -rf $(BUILD) $(BUILD_BE)
-
 # Fuzzing: every target runs for FUZZ_SECONDS, seeded from tests/fuzz-corpus/.
 FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 60
@@ -106,3 +113,44 @@ build-fuzz:
 
 fuzz: build-fuzz
 	tools/fuzz/run-fuzzers.sh $(FUZZ_BUILD)/fuzz $(FUZZ_SECONDS)
+
+# Sanitizer legs.  The options are set here, so that a plain ctest in the
+# build directory runs without them; run through these targets.
+BUILD_ASAN ?= build-asan
+BUILD_TSAN ?= build-tsan
+SAN_DIR := $(CURDIR)/tests/sanitizers
+SAN_CMAKE := -DCM_BUILD_BENCHMARKS=OFF $(CMAKE_FLAGS)
+export ASAN_TEST_OPTIONS := halt_on_error=1:detect_leaks=1:detect_stack_use_after_return=1:strict_init_order=1
+export LSAN_TEST_OPTIONS := suppressions=$(SAN_DIR)/lsan.supp:print_suppressions=0
+export UBSAN_TEST_OPTIONS := halt_on_error=1:print_stacktrace=1:suppressions=$(SAN_DIR)/ubsan.supp
+# die_after_fork=0: the tests fork library users out of processes that
+# already run threads (gtest's own, a watch thread); the children only exec
+# or run the library afresh, which the thread sanitizer supports in practice.
+export TSAN_TEST_OPTIONS := halt_on_error=1:second_deadlock_stack=1:die_after_fork=0:suppressions=$(SAN_DIR)/tsan.supp:print_suppressions=0
+
+build-asan:
+	cmake -S . -B $(BUILD_ASAN) -DCM_SANITIZE=address $(SAN_CMAKE)
+	cmake --build $(BUILD_ASAN) -j $(JOBS)
+
+build-tsan:
+	cmake -S . -B $(BUILD_TSAN) -DCM_SANITIZE=thread $(SAN_CMAKE)
+	cmake --build $(BUILD_TSAN) -j $(JOBS)
+
+test-asan: build-asan
+	cd $(BUILD_ASAN) && ASAN_OPTIONS=$$ASAN_TEST_OPTIONS LSAN_OPTIONS=$$LSAN_TEST_OPTIONS \
+	  UBSAN_OPTIONS=$$UBSAN_TEST_OPTIONS ctest --output-on-failure -j $(JOBS)
+
+test-tsan: build-tsan
+	cd $(BUILD_TSAN) && TSAN_OPTIONS=$$TSAN_TEST_OPTIONS ctest --output-on-failure -j $(JOBS)
+
+STRESS_SECONDS ?= 25
+SWEEP_BUDGET ?= 90
+
+stress: build
+	$(BUILD)/tests/robustness/cm_stress $(STRESS_SECONDS) 8
+
+sweep: build
+	$(BUILD)/tests/robustness/cm_sweep $(SWEEP_BUDGET)
+
+clean:
+	rm -rf $(BUILD) $(BUILD_BE) $(BUILD_ASAN) $(BUILD_TSAN)

@@ -19,14 +19,17 @@
 #include <configmanager/configmanager.h>
 
 static const char* s_name;
-static volatile int s_seen;
+/* Counted on the watch thread, read by main: atomic builtins keep it race-free. */
+static int s_seen;
+
+static int seen(void) { return __atomic_load_n(&s_seen, __ATOMIC_SEQ_CST); }
 
 static int on_change(int32_t id) {
     uint8_t v = 0;
     CM_GetDataItem(id, &v);
     printf("[%s pid %d] callback: %s (ID %d) = %u\n", s_name, (int)getpid(), CM_GetCMvarTag(id), id, v);
     fflush(stdout);
-    s_seen++;
+    __atomic_add_fetch(&s_seen, 1, __ATOMIC_SEQ_CST);
     return 0;
 }
 
@@ -46,12 +49,12 @@ static int run(const char* name, int master, int32_t mine, uint8_t value, int re
     for (i = 0; i < 3; i++) CM_Register_Interest(vars[i], on_change);
     if (write(ready_fd, "r", 1) != 1 || read(go_fd, &c, 1) != 1) return 1;
     if (CM_PutDataItem(mine, &value) < 0) return 1;
-    for (i = 0; i < 5000 && s_seen < 3; i++) sleep_ms(1);
+    for (i = 0; i < 5000 && seen() < 3; i++) sleep_ms(1);
     sleep_ms(200); /* let any duplicate show itself */
-    printf("[%s pid %d] saw %d callbacks\n", name, (int)getpid(), s_seen);
+    printf("[%s pid %d] saw %d callbacks\n", name, (int)getpid(), seen());
     fflush(stdout);
     CM_Exit();
-    return s_seen == 3 ? 0 : 1;
+    return seen() == 3 ? 0 : 1;
 }
 
 int main(int argc, char** argv) {

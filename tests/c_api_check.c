@@ -10,10 +10,13 @@
 #include <configmanager/cm_host.h>
 #include <configmanager/configmanager.h>
 
-static volatile int s_changes;
+/* Written by the watch thread, read by main. */
+static int s_changes;
+
+static int changes(void) { return __atomic_load_n(&s_changes, __ATOMIC_SEQ_CST); }
 
 static int on_change(int32_t id) {
-    if (id == UNIT_NAME) s_changes++;
+    if (id == UNIT_NAME) __atomic_add_fetch(&s_changes, 1, __ATOMIC_SEQ_CST);
     return 0;
 }
 
@@ -49,11 +52,11 @@ int main(void) {
     memset(name, 0, sizeof name);
     strcpy(name, "gateway-7");
     CHECK(CM_PutDataItem(UNIT_NAME, name) == 1);
-    for (i = 0; i < 5000 && s_changes == 0; i++) {
+    for (i = 0; i < 5000 && changes() == 0; i++) {
         struct timespec ts = {0, 1000000};
         nanosleep(&ts, NULL);
     }
-    CHECK(s_changes == 1);
+    CHECK(changes() == 1);
     memset(name, 0, sizeof name);
     CHECK(CM_GetDataItem(UNIT_NAME, name) == 0);
     CHECK(strcmp(name, "gateway-7") == 0);

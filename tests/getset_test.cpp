@@ -150,8 +150,7 @@ TEST_F(GetSet, PasswordFailureLeavesTheSetMutexHeldByTheCaller) {
     port = 7001;
     std::thread other([&] { result = CM_Set_Variable(CURRENT_CMS_PORT_ADDRESS, &port); });
     EXPECT_FALSE(cmtest::waitFor([&] { return result != 1; }, 300ms));  // blocked on the mutex
-    pthread_mutex_unlock(&cm::process::mCMMutex);
-    pthread_mutex_unlock(&cm::process::mCMMutex);
+    pthread_mutex_unlock(&cm::process::mCMMutex);  // the one hold the failure left
     other.join();
     EXPECT_EQ(result, 0);
     uint16_t got = 0;

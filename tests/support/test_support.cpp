@@ -87,12 +87,13 @@ std::vector<std::chrono::nanoseconds> FastEnv::sleeps() const {
 
 void resetLibraryState() {
     using namespace cm;
-    log::oLogMode = 1;
-    log::dwLogFilter = 5;
-    g_iConsoleLog = 0;
     lifecycle::cleanUp();  // descriptors, mappings, the inotify descriptor
     // A watch thread must see the kill flag and end before it is cleared.
     watch::waitForStaleWatchThread();
+    // Only now: a watch thread still logging reads these.
+    log::oLogMode = 1;
+    log::dwLogFilter = 5;
+    g_iConsoleLog = 0;
     for (int i = 0; i < storage::kNumFiles; ++i) {
         std::free(storage::pPrevData[i]);
         storage::pPrevData[i] = nullptr;

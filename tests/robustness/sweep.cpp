@@ -1,0 +1,260 @@
+// Corruption sweep: damages data files in every small way and checks that a
+// master repairs each to a good file and that another process never crashes
+// or hangs on it.
+//
+//   cm_sweep [budget-seconds [stride]]
+//       budget: default 60; cases left at its end are counted as not run.
+//       stride: runs every stride-th case only (default 1: all), for quick
+//       runs inside the test suite.
+//
+// Damage: every single-bit flip and the inversion of every byte of the
+// smallest persistent file; the inversion and the flip of the lowest bit of
+// every byte of the header and first records of the largest; truncation to every length of the small file and to many lengths
+// of the large one; junk appended to both.  Each case runs the file set-up
+// in a forked process:
+//  - master: the file must end at its correct length; when the check found a
+//    fault, it must equal a freshly created file byte for byte; when it found
+//    none, it must be the damaged file cut to its correct length (damage
+//    inside a value is not detectable).  A second, non-master set-up must
+//    then find it good.
+//  - non-master: ends with a check result (no signal, no hang) and leaves
+//    the file as it was.  Empty files are left out: a non-master waits for
+//    an empty file to be filled, without limit.
+#include <configmanager/configmanager.h>
+#include <configmanager/cm_host.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/paths.h"
+#include "storage/file_state.h"
+#include "robustness/child_link.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kCaseTimeout = std::chrono::seconds(20);
+
+Bytes readBytes(const std::string& path) {
+    Bytes out;
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) return out;
+    unsigned char chunk[65536];
+    for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, f)) > 0;) out.insert(out.end(), chunk, chunk + n);
+    std::fclose(f);
+    return out;
+}
+
+bool writeBytes(const std::string& path, const Bytes& b) {
+    unlink(path.c_str());
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0) return false;
+    const bool ok = b.empty() || write(fd, b.data(), b.size()) == static_cast<ssize_t>(b.size());
+    close(fd);
+    return ok;
+}
+
+// Runs the set-up of file `index` in a forked process and, with readAll,
+// reads every record afterwards.  Its exit status is the set-up's result (255 for -1);
+// negative for a signal, ChildLink::kHung when it did not end in time.
+int setUpInChild(const std::string& root, int index, bool master, bool readAll) {
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid < 0) return -1000;
+    if (pid == 0) {
+        const int null = open("/dev/null", O_WRONLY);
+        if (null >= 0) dup2(null, 1), dup2(null, 2);
+        g_iConsoleLog = 1;
+        CM_Host_SetRootDirectory(root.c_str());
+        if (master) CM_SetAsMaster();
+        const int rc = CM_SetUpConfigFile(index);
+        unsigned char buf[512];
+        for (int rel = 0; readAll && rel < 4096; ++rel)
+            if (CM_ReadDataItem(index, rel, buf) != 0 && rel > 2300) break;
+        _exit(rc & 0xff);
+    }
+    return cmcheck::waitBounded(pid, kCaseTimeout);
+}
+
+struct Case {
+    int file;
+    std::string what;
+    Bytes bytes;
+};
+
+struct Tally {
+    long cases = 0, masterRuns = 0, repaired = 0, keptAsIs = 0, otherRuns = 0, notRun = 0;
+    long crashed = 0, hung = 0, wrong = 0;
+    std::map<int, long> otherResults;
+};
+
+std::string describe(int status) {
+    if (status == cmcheck::ChildLink::kHung) return "hung (killed)";
+    if (status < 0) return "signal " + std::to_string(-status);
+    return "status " + std::to_string(status);
+}
+
+void runCase(const std::string& root, const Case& c, const Bytes& good, Tally& t) {
+    const std::string path = cm::storage::pathOf(c.file);
+    ++t.cases;
+
+    // The non-master first: it must leave the damaged file as it found it.
+    if (!c.bytes.empty()) {
+        writeBytes(path, c.bytes);
+        const int st = setUpInChild(root, c.file, false, true);
+        ++t.otherRuns;
+        if (st < 0) {
+            ++(st == cmcheck::ChildLink::kHung ? t.hung : t.crashed);
+            std::printf("sweep: non-master, file %d, %s: %s\n", c.file, c.what.c_str(), describe(st).c_str());
+        } else {
+            ++t.otherResults[st];
+            if (readBytes(path) != c.bytes) {
+                ++t.wrong;
+                std::printf("sweep: non-master changed file %d, %s\n", c.file, c.what.c_str());
+            }
+        }
+    }
+
+    writeBytes(path, c.bytes);
+    const int st = setUpInChild(root, c.file, true, true);
+    ++t.masterRuns;
+    if (st < 0 || st == 255) {
+        if (st < 0) ++(st == cmcheck::ChildLink::kHung ? t.hung : t.crashed);
+        else ++t.wrong;
+        std::printf("sweep: master, file %d, %s: %s\n", c.file, c.what.c_str(), describe(st).c_str());
+        return;
+    }
+    const Bytes after = readBytes(path);
+    Bytes expected = good;
+    if (st == 0) {
+        ++t.keptAsIs;
+        expected.assign(c.bytes.begin(), c.bytes.begin() + std::min(c.bytes.size(), good.size()));
+    } else {
+        ++t.repaired;
+    }
+    if (after != expected) {
+        ++t.wrong;
+        std::printf("sweep: master, file %d, %s: check result %d, file not %s (%zu bytes)\n", c.file, c.what.c_str(), st,
+                    st == 0 ? "kept as it was" : "rewritten from defaults", after.size());
+        return;
+    }
+    const int again = setUpInChild(root, c.file, false, false);
+    ++t.otherRuns;
+    if (again != 0) {
+        ++t.wrong;
+        std::printf("sweep: file %d, %s: after the master's set-up a re-check gives %s\n", c.file, c.what.c_str(),
+                    describe(again).c_str());
+    }
+}
+
+// Offset just past the first `n` records (or the file's end).
+size_t afterRecords(const Bytes& b, int n) {
+    size_t off = 4;
+    for (int r = 0; r < n && off + 4 <= b.size(); ++r) off += 4 + ((b[off + 2] << 8) | b[off + 3]);
+    return std::min(off, b.size());
+}
+
+void addFlips(std::vector<Case>& cases, int file, const Bytes& good, size_t upTo, bool everyBit) {
+    static constexpr int kAllMasks[] = {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80, 0xFF};
+    static constexpr int kSomeMasks[] = {0x01, 0xFF};
+    for (size_t pos = 0; pos < upTo; ++pos) {
+        for (int mask : everyBit ? std::span<const int>(kAllMasks) : std::span<const int>(kSomeMasks)) {
+            Case c{file, "byte " + std::to_string(pos) + " ^ " + std::to_string(mask), good};
+            c.bytes[pos] ^= static_cast<unsigned char>(mask);
+            cases.push_back(std::move(c));
+        }
+    }
+}
+
+void addCuts(std::vector<Case>& cases, int file, const Bytes& good, size_t dense, size_t step) {
+    for (size_t len = 0; len < good.size(); len += len < dense ? 1 : step)
+        cases.push_back({file, "cut to " + std::to_string(len), Bytes(good.begin(), good.begin() + len)});
+    if (good.size() > 0)
+        cases.push_back({file, "cut to " + std::to_string(good.size() - 1), Bytes(good.begin(), good.end() - 1)});
+}
+
+void addJunk(std::vector<Case>& cases, int file, const Bytes& good) {
+    for (size_t n : {1, 3, 4, 5, 17, 300, 70000}) {
+        for (int fill : {0x00, 0xA5}) {
+            Case c{file, std::to_string(n) + " bytes of " + std::to_string(fill) + " appended", good};
+            c.bytes.insert(c.bytes.end(), n, static_cast<unsigned char>(fill));
+            cases.push_back(std::move(c));
+        }
+    }
+    // A whole well-formed record too many (a copy of the first one).
+    Case c{file, "first record appended again", good};
+    c.bytes.insert(c.bytes.end(), good.begin() + 4, good.begin() + afterRecords(good, 1));
+    cases.push_back(std::move(c));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int budget = argc > 1 ? std::atoi(argv[1]) : 60;
+    const int stride = argc > 2 ? std::atoi(argv[2]) : 1;
+    if (budget <= 0 || stride <= 0) {
+        std::fprintf(stderr, "usage: %s [budget-seconds [stride]]\n", argv[0]);
+        return 2;
+    }
+    const std::string root = cmcheck::makeRoot("cmsweep");
+    if (root.empty()) return 2;
+    cm::paths::setRoot(root);
+
+    // Fresh files from a master: the references, and the smallest and the
+    // largest persistent file.
+    std::map<int, Bytes> fresh;
+    int smallest = -1, largest = -1;
+    for (int i = 1; i < 10; ++i) {
+        if (setUpInChild(root, i, true, false) != 0) {
+            std::printf("sweep: a master could not create file %d\n", i);
+            return 1;
+        }
+        fresh[i] = readBytes(cm::storage::pathOf(i));
+        if (smallest < 0 || fresh[i].size() < fresh[smallest].size()) smallest = i;
+        if (largest < 0 || fresh[i].size() > fresh[largest].size()) largest = i;
+    }
+    const Bytes& small = fresh[smallest];
+    const Bytes& large = fresh[largest];
+    const size_t largeHead = afterRecords(large, 6);
+
+    std::vector<Case> cases;
+    addFlips(cases, smallest, small, small.size(), true);
+    addFlips(cases, largest, large, largeHead, false);
+    addCuts(cases, smallest, small, small.size(), 1);
+    addCuts(cases, largest, large, largeHead + 8, 997);
+    addJunk(cases, smallest, small);
+    addJunk(cases, largest, large);
+
+    Tally t;
+    const auto start = Clock::now();
+    const auto end = start + std::chrono::seconds(budget);
+    for (size_t n = 0; n < cases.size(); n += static_cast<size_t>(stride)) {
+        const Case& c = cases[n];
+        if (Clock::now() > end) {
+            ++t.notRun;
+            continue;
+        }
+        runCase(root, c, fresh[c.file], t);
+    }
+    const double secs = std::chrono::duration<double>(Clock::now() - start).count();
+
+    std::printf("sweep: file %d (%zu bytes) and file %d (%zu bytes, first %zu bytes flipped): %ld of %zu cases in %.1f s\n",
+                smallest, small.size(), largest, large.size(), largeHead, t.cases, cases.size(), secs);
+    std::printf("sweep: master runs %ld (repaired %ld, nothing to repair %ld); non-master runs %ld, results:",
+                t.masterRuns, t.repaired, t.keptAsIs, t.otherRuns);
+    for (const auto& [rc, n] : t.otherResults) std::printf(" %d:%ld", rc == 255 ? -1 : rc, n);
+    std::printf("\nsweep: crashed %ld, hung %ld, wrong %ld, not run (budget) %ld\n", t.crashed, t.hung, t.wrong,
+                t.notRun);
+    const bool good = t.crashed == 0 && t.hung == 0 && t.wrong == 0;
+    if (good) cmcheck::removeRoot(root);
+    return good ? 0 : 1;
+}
