@@ -62,9 +62,15 @@ protected:
 
 TEST_F(Applog, RemoteLogEventText) {
     cmtest::CaptureSink log;
+    // Remote events only: the watch thread may log too.
+    const auto events = [&] {
+        auto lines = log.lines();
+        std::erase_if(lines, [](const auto& l) { return l.text.rfind("^^VX", 0) != 0; });
+        return lines;
+    };
     start();
     RemoteLog(6, 21, "%s", "too early");
-    EXPECT_FALSE(log.contains("^^VX"));
+    EXPECT_TRUE(events().empty());
 
     // A unit name with conversions prints as it stands.
     ASSERT_EQ(CM_Set_Variable_CMI(UNIT_NAME, "gw %n%s 100%", 0), 0);
@@ -95,8 +101,8 @@ TEST_F(Applog, RemoteLogEventText) {
         RemoteLogChanged(CURRENT_IP6_ADDRESS_STATUS);
         log.clear();
         RemoteLog(0x106, 21, "%s", "General Defaults Loaded");
-        ASSERT_EQ(log.lines().size(), 1u);
-        EXPECT_EQ(log.lines()[0].text, event("General Defaults Loaded", cases[i].addresses, seqs[i]));
+        ASSERT_EQ(events().size(), 1u);
+        EXPECT_EQ(events()[0].text, event("General Defaults Loaded", cases[i].addresses, seqs[i]));
     }
 
     // The caller's format takes its arguments; neither the gate nor the
@@ -107,7 +113,7 @@ TEST_F(Applog, RemoteLogEventText) {
     log.clear();
     RemoteLog(3, 21, "x=%d %s", 5, "y");
     RemoteLog(0x107, 21, "100%%");
-    const auto lines = log.lines();
+    const auto lines = events();
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0].text, event("x=5 y", "10.1.2.3 2001:db8::1", "99999"));
     EXPECT_EQ(lines[1].text, event("100%", "10.1.2.3 2001:db8::1", "00000"));

@@ -60,6 +60,9 @@ int main(void) {
     memset(name, 0, sizeof name);
     CHECK(CM_GetDataItem(UNIT_NAME, name) == 0);
     CHECK(strcmp(name, "gateway-7") == 0);
+    /* General defaults leave the unit name (not a group-3 setting) alone. */
+    CHECK(CM_Load_Defaults() == 0);
+    CHECK(CM_GetDataItem(UNIT_NAME, name) == 0 && strcmp(name, "gateway-7") == 0);
     CHECK(CM_Exit() == 0);
 
     snprintf(cmd, sizeof cmd, "rm -rf %s", root);

@@ -197,8 +197,10 @@ TEST_F(Defaults, AllDefaultsRebuildEveryFileUnderTheLockFile) {
     EXPECT_EQ(watcher.call("get " + std::to_string(CMS_LINK_INACTIVITY)), "ok 0 15");
     EXPECT_EQ(watcher.finish(), 0);
 
-    // Without /tmp neither the lock file nor the volatile file can be made:
-    // the other nine are still rebuilt, and the failure is counted.
+    // A process without open files, and without /tmp: neither the lock file
+    // nor the volatile file can be made; the other nine are still rebuilt,
+    // and the failure is counted.
+    cmtest::resetLibraryState();
     fs::remove_all(root.path("/tmp"));
     flipEveryRecord(pristine);
     LockProbe failing;

@@ -21,7 +21,6 @@
 #include "platform/paths.h"
 #include "storage/file_state.h"
 #include "support/agent.h"
-#include "storage/file_state.h"
 #include "support/test_support.h"
 
 using namespace std::chrono_literals;

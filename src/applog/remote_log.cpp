@@ -5,11 +5,11 @@
 #include <cstdio>
 #include <cstring>
 
-#include "getset/getset.h"
-#include "text/value_text.h"
 #include "configmanager/cm_vars.h"
+#include "getset/getset.h"
 #include "log/log.h"
 #include "log/sink.h"
+#include "text/value_text.h"
 
 namespace cm::applog {
 namespace {

@@ -4,11 +4,11 @@
 
 #include "applog/remote_log.h"
 #include "configmanager/applog.h"
-#include "getset/getset.h"
-#include "text/value_text.h"
 #include "configmanager/cm_vars.h"
+#include "getset/getset.h"
 #include "log/log.h"
 #include "notify/registry.h"
+#include "text/value_text.h"
 
 namespace cm::applog {
 namespace {
@@ -28,6 +28,9 @@ union ValueBuffer {
     uint32_t u32;
     char bytes[text::kTextSize];
 };
+
+// Other threads read the exported switch without a lock: write it whole.
+void setConsoleLog(int value) { __atomic_store_n(&g_iConsoleLog, value, __ATOMIC_RELAXED); }
 
 struct IdentityRegistration {
     int32_t id;
@@ -123,11 +126,11 @@ int fnActionConsoleLog(int32_t varId) {
     (void)varId;
     ValueBuffer v{};
     if (getset::getVariable(CONSOLE_LOG, &v) != 0) {
-        g_iConsoleLog = 0;
+        setConsoleLog(0);
         CM_LOG(kConsoleError, "fnActionConsoleLog", "CM_Get_Variable error for CONSOLE_LOG - assume CONSOLE_LOG is GD_OFF\n");
         return 0;
     }
-    g_iConsoleLog = v.u8 == kConsoleOn ? 1 : 0;
+    setConsoleLog(v.u8 == kConsoleOn ? 1 : 0);
     return 0;
 }
 

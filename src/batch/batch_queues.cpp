@@ -11,8 +11,8 @@
 #include <string>
 
 #include "batch/batch.h"
-#include "getset/getset.h"
 #include "configmanager/cm_types.h"
+#include "getset/getset.h"
 #include "log/log.h"
 #include "platform/env.h"
 

@@ -1,7 +1,7 @@
 // Profile download from the management server: CM_FLAG = 1 while it runs.
 #include "batch/batch.h"
-#include "getset/getset.h"
 #include "configmanager/cm_types.h"
+#include "getset/getset.h"
 #include "log/log.h"
 #include "notify/var_list.h"
 

@@ -2,7 +2,6 @@
 // files are rewritten a lock file holds back every process's watcher, so
 // that no process diffs a half-written file.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "catalogue/catalogue.h"
@@ -10,7 +9,6 @@
 #include "log/log.h"
 #include "platform/paths.h"
 #include "storage/defaults.h"
-#include "storage/file_state.h"
 #include "storage/open_map.h"
 
 namespace cm::defaults {
@@ -30,18 +28,9 @@ bool createLockFile(const char* path) {
     return true;
 }
 
-// True when this process already has the file at its path open.  Opening it
-// again would leave a second descriptor of the same file behind.
-bool alreadyOpen(int i) {
-    const int fd = storage::fdRead[i];
-    if (fd < 0) return false;
-    struct stat open{}, onDisk{};
-    return fstat(fd, &open) == 0 && stat(storage::pathOf(i), &onDisk) == 0 && open.st_dev == onDisk.st_dev &&
-           open.st_ino == onDisk.st_ino;
-}
-
 int rebuildFile(int i) {
-    if (!alreadyOpen(i) && storage::openOrCreateFile(i) < 0) return -1;
+    // A file this process has open keeps its descriptor (see openOrCreateFile).
+    if (storage::openOrCreateFile(i) < 0) return -1;
     return storage::writeDefaultData(i, true, true);
 }
 

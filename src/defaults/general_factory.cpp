@@ -4,10 +4,10 @@
 
 #include "applog/remote_log.h"
 #include "catalogue/catalogue.h"
-#include "getset/getset.h"
 #include "configmanager/cm_vars.h"
 #include "defaults/cleanup.h"
 #include "defaults/load.h"
+#include "getset/getset.h"
 #include "log/log.h"
 #include "storage/defaults.h"
 

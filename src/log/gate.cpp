@@ -20,7 +20,9 @@ namespace {
 
 constexpr size_t kMaxFormat = 1024;
 
-Channel channel() { return g_iConsoleLog == 1 ? Channel::Console : Channel::Syslog; }
+// g_iConsoleLog is a plain exported int; it is written whole by the log
+// settings' callback on the watch thread, so it is read as one atomic word.
+Channel channel() { return __atomic_load_n(&g_iConsoleLog, __ATOMIC_RELAXED) == 1 ? Channel::Console : Channel::Syslog; }
 
 void writeFormat(uint32_t level, const char* fmt, va_list ap) {
     sink().write(channel(), static_cast<int>(level & 7), fmt, ap);

@@ -257,7 +257,8 @@ int initialisePrevData(int i, const char* fn, bool logAlloc) {
         dropPrevData(i);
         return -1;
     }
-    pPrevData[i] = static_cast<uint8_t*>(p);
+    // The watch thread tests the pointer before it takes the file lock.
+    __atomic_store_n(&pPrevData[i], static_cast<uint8_t*>(p), __ATOMIC_RELEASE);
     dwLenPrevData[i] = len;
     if (!guardedCopy(p, pMappedFile[i], len)) {
         // The file was cut under the mapping; the watch thread sets it up
@@ -270,7 +271,7 @@ int initialisePrevData(int i, const char* fn, bool logAlloc) {
 
 void dropPrevData(int i) {
     std::free(pPrevData[i]);
-    pPrevData[i] = nullptr;
+    __atomic_store_n(&pPrevData[i], nullptr, __ATOMIC_RELEASE);
     dwLenPrevData[i] = 0;
 }
 

@@ -73,7 +73,9 @@ void growthWait(int i, off_t size) {
 // Makes the private copy when there is none yet.  False when none could be made.
 bool ensurePrevData(int i) {
     constexpr const char* fn = "CM_InitialisePrevDataWithLock";
-    if (pPrevData[i] != nullptr) return true;
+    // Tested before the file lock is taken, while another thread may be
+    // remaking the copy under it (loading all defaults): one atomic read.
+    if (__atomic_load_n(&pPrevData[i], __ATOMIC_ACQUIRE) != nullptr) return true;
     if (!mapped(i)) {
         CM_LOG(log::kErr, fn, "dwLenMappedFile[%d] or pMappedFile[] is zero, cannot alloc block for data - skipping...\n", i);
     } else {
