@@ -5,6 +5,10 @@
 #                         tests under qemu, compare data files with the native build
 #   make install PREFIX=  install library, headers and pkg-config file
 #   make install-check    install into a scratch prefix and build a C program against it
+#   make demo             the library at work, driven by cmctl, in a temporary device tree
+#   make deps             install the Debian packages of the native build (tools/install-deps.sh)
+#   make fuzz             build the libFuzzer targets with clang under ASan/UBSan into
+#                         build-fuzz/ and run each for FUZZ_SECONDS (default 60)
 #   make check-leaks      run the tests and check they touched nothing outside their roots
 #   make test-asan        build into build-asan/ with the address and undefined-behaviour
 #                         sanitizers, run every test (halts on the first report)
@@ -15,20 +19,21 @@
 #   make sweep            corruption sweep: byte flips, truncations, junk on data files;
 #                         the master must repair each, no process may crash or hang
 #                         (stops after SWEEP_BUDGET seconds, default 60)
-#   make fuzz             build the libFuzzer targets with clang under ASan/UBSan into
-#                         build-fuzz/ and run each for FUZZ_SECONDS (default 60)
 BUILD ?= build
 BUILD_BE ?= build-be
 PREFIX ?= /usr/local
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all build test test-be build-be be-sysroot compare-be install install-check clean
+.PHONY: all build test test-be build-be be-sysroot compare-be install install-check clean demo deps
 .PHONY: test-asan test-tsan build-asan build-tsan stress sweep
 
 all: build
 
+# Before the first configure, say which command installs a missing package
+# (or install it, when run as root with apt-get).
 $(BUILD)/CMakeCache.txt:
+	@tools/install-deps.sh --check
 	cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(CMAKE_FLAGS)
 
 build: $(BUILD)/CMakeCache.txt
@@ -79,11 +84,36 @@ install-check: build
 	    -Wl,-rpath,$$(pkg-config --variable=libdir configmanager)
 	$(INSTALL_CHECK_DIR)/c_api_check
 
+deps:
+	tools/install-deps.sh --native
+
+# Master, watcher and cmctl in a temporary device tree; removes the tree.
+demo: build
+	tools/demo.sh $(BUILD)
+
 # Runs the suite and fails when it touched anything outside its temporary
 # roots (/tmp, /var/log, /var/www, /etc/pki, /home, /root, message queues).
 .PHONY: check-leaks
 check-leaks: build
 	tools/check-no-leaks.sh ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+# Fuzzing: every target runs for FUZZ_SECONDS, seeded from tests/fuzz-corpus/.
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
+FUZZ_CC ?= clang-14
+FUZZ_CXX ?= clang++-14
+FUZZ_FLAGS := -fsanitize=address,undefined -fno-sanitize-recover=undefined -fsanitize=fuzzer-no-link -g -O1
+
+.PHONY: fuzz build-fuzz
+build-fuzz:
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_C_COMPILER=$(FUZZ_CC) -DCMAKE_CXX_COMPILER=$(FUZZ_CXX) \
+	  -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_FLAGS="$(FUZZ_FLAGS)" -DCMAKE_CXX_FLAGS="$(FUZZ_FLAGS)" \
+	  -DCM_BUILD_FUZZERS=ON -DCM_BUILD_TESTS=OFF -DCM_BUILD_EXAMPLES=OFF -DCM_BUILD_BENCHMARKS=OFF
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzzers
+
+fuzz: build-fuzz
+	tools/fuzz/run-fuzzers.sh $(FUZZ_BUILD)/fuzz $(FUZZ_SECONDS)
+
 # Sanitizer legs.  The options are set here, so that a plain ctest in the
 # build directory runs without them; run through these targets.
 BUILD_ASAN ?= build-asan

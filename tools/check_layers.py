@@ -27,8 +27,6 @@ LAYERS = [
     "setup",      # checking, repairing and watching one data file
     "watch",      # the watch thread and its per-file actions
     "lifecycle",  # start and stop
-    "getset",     # get and set by absolute ID
-    "text",       # value text forms
     "tags",       # the sorted tag table, its cache, lookups by tag
     "backup",     # the configuration backup text
     "restore",    # restore from a backup text, with a filter

@@ -22,6 +22,7 @@
 #include "configmanager/cm_setup.h"
 #include "configmanager/cm_storage.h"
 #include "configmanager/cm_tags.h"
+#include "configmanager/cm_tools.h"
 #include "configmanager/cm_types.h"
 #include "configmanager/cm_values.h"
 #include "configmanager/cm_vars.h"

@@ -1,0 +1,119 @@
+#include "context.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <string>
+
+#include <configmanager/configmanager.h>
+#include <configmanager/cm_host.h>
+
+namespace cmctl {
+
+Options& options() {
+    static Options o;
+    return o;
+}
+
+void applyGlobalOptions() {
+    const Options& o = options();
+    if (CM_Host_SetRootDirectory(o.root.c_str()) != 0) throw UsageError("--root: path too long: " + o.root);
+    if (o.verbose > 0) {
+        // The library's own messages, in their short form, on standard error.
+        g_iConsoleLog = 1;
+        CM_Ext_SetLogDescriptor(2);
+        Applog_default(o.verbose > 1 ? 7 : 6);
+    } else {
+        // Standard output belongs to the tool; the library keeps its usual
+        // channel, the system log.
+        g_iConsoleLog = 0;
+    }
+}
+
+namespace {
+
+void requireDataFiles() {
+    for (int i = 0; i < CM_NUM_FILES; ++i) {
+        CM_FileInfo f{};
+        CM_Ext_GetFileInfo(i, &f);
+        struct stat st{};
+        if (stat(f.szPath, &st) != 0 || st.st_size == 0)
+            throw Failure(std::string("data file '") + f.szPath +
+                          "' is missing or empty: no master has set up this tree (run 'cmctl master', or add --master)");
+    }
+}
+
+// The master creates missing files, but not their folders: make those in a
+// fresh device tree on a host (on the device they always exist).
+void makeDataFolders() {
+    for (int i = 0; i < CM_NUM_FILES; ++i) {
+        CM_FileInfo f{};
+        CM_Ext_GetFileInfo(i, &f);
+        std::string dir = f.szPath;
+        dir.resize(dir.rfind('/') + 1);
+        for (size_t p = dir.find('/', 1); p != std::string::npos; p = dir.find('/', p + 1))
+            mkdir(dir.substr(0, p).c_str(), 0755);
+    }
+}
+
+}  // namespace
+
+Library::Library(Start how) {
+    if (options().master) how = how == Start::Watcher ? Start::Watcher : Start::Master;
+    int rc = 0;
+    switch (how) {
+        case Start::Reader:
+            requireDataFiles();
+            rc = CM_initNoRegister();
+            break;
+        case Start::Watcher:
+            if (options().master) {
+                makeDataFolders();
+                rc = CM_init(1);
+            } else {
+                requireDataFiles();
+                rc = CM_init(0);
+            }
+            break;
+        case Start::Master:
+            // Only the full start creates and repairs files.
+            makeDataFolders();
+            rc = CM_init(1);
+            break;
+    }
+    if (rc != 0) throw Failure("cannot start the configuration manager (result " + std::to_string(rc) + ")");
+}
+
+Library::~Library() { CM_Exit(); }
+
+namespace {
+
+sigset_t stopSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, sig);
+    return set;
+}
+
+}  // namespace
+
+void blockStopSignals() {
+    const sigset_t set = stopSignals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) signal(sig, SIG_DFL);
+}
+
+void waitForStop() {
+    const sigset_t set = stopSignals();
+    int sig = 0;
+    sigwait(&set, &sig);
+}
+
+int32_t idOf(const std::string& name) {
+    int32_t id = -1;
+    if (name.empty() || CM_GetVarIdFromName(name.data(), static_cast<int>(name.size()), &id) != 0)
+        throw Failure(name + ": no such variable");
+    return id;
+}
+
+}  // namespace cmctl

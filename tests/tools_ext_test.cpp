@@ -1,0 +1,109 @@
+// The extensions for tools: the read-only file check finds every damaged
+// record (not just the first), never changes a file and needs no started
+// library; the log descriptor receives every written message.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "configmanager/configmanager.h"
+#include "configmanager/cm_host.h"
+#include "support/test_support.h"
+
+namespace {
+
+constexpr int kGeneral = 9;
+
+class ToolsExt : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(CM_Host_SetRootDirectory(root.dir().c_str()), 0);
+        CM_FileInfo f{};
+        ASSERT_EQ(CM_Ext_GetFileInfo(kGeneral, &f), 0);
+        path = f.szPath;
+        // A good file as the master writes it: header, then each record at
+        // its place with its relative ID and the catalogue's length.
+        std::string bytes("\0\0\x12\x34", 4);
+        for (int r = 0; r < f.iNumItems; ++r) {
+            uint32_t size = 0;
+            CM_GetDataSizeFromVarId(f.iFirstVarID + r, &size);
+            offsets.push_back(static_cast<uint32_t>(bytes.size()));
+            bytes += {char(r >> 8), char(r), char(size >> 8), char(size)};
+            bytes += std::string(size, '\0');
+        }
+        ASSERT_EQ(bytes.size(), f.dwCorrectLength);
+        good = bytes;
+    }
+
+    CM_FileCheck check(std::vector<CM_RecordFault>* faults = nullptr) {
+        CM_FileCheck c{};
+        std::vector<CM_RecordFault> buf(8);
+        EXPECT_EQ(CM_Ext_CheckFile(kGeneral, &c, buf.data(), 8), 0);
+        if (faults) *faults = std::vector<CM_RecordFault>(buf.begin(), buf.begin() + std::min(c.iBadRecords, 8));
+        return c;
+    }
+
+    cmtest::TempRoot root;
+    std::string path, good;
+    std::vector<uint32_t> offsets;
+};
+
+TEST_F(ToolsExt, FileCheckClassifiesDamageWithoutChangingTheFile) {
+    std::string twoBad = good;
+    twoBad[offsets[3] + 1] ^= 1;   // relative ID of record 3
+    twoBad[offsets[10] + 3] ^= 2;  // length of record 10
+    std::string version = good;
+    version[1] = 7;
+    const struct {
+        const char* what;
+        std::string bytes;
+        uint32_t faults;
+        int bad;
+    } cases[] = {
+        {"good", good, 0, 0},
+        {"cut", good.substr(0, good.size() - 3), CM_FILE_TOO_SHORT, 0},
+        {"extra bytes", good + "0123456789", CM_FILE_TOO_LONG, 0},
+        {"two bad records", twoBad, CM_FILE_BAD_RECORDS, 2},
+        {"other version", version, CM_FILE_BAD_HEADER, 0},
+        {"empty", "", CM_FILE_BAD_HEADER | CM_FILE_TOO_SHORT, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        cmtest::writeFile(path, c.bytes);
+        std::vector<CM_RecordFault> faults;
+        const CM_FileCheck r = check(&faults);
+        EXPECT_EQ(r.dwFaults, c.faults);
+        EXPECT_EQ(r.iBadRecords, c.bad);
+        EXPECT_EQ(r.dwLength, c.bytes.size());
+        EXPECT_EQ(cmtest::readFile(path), c.bytes);
+    }
+    cmtest::writeFile(path, twoBad);
+    std::vector<CM_RecordFault> faults;
+    check(&faults);
+    ASSERT_EQ(faults.size(), 2u);
+    EXPECT_EQ(faults[0].dwOffset, offsets[3]);
+    EXPECT_EQ(faults[0].iExpectedRel, 3);
+    EXPECT_EQ(faults[0].iFoundRel, 3 ^ 1);
+    EXPECT_EQ(faults[1].dwOffset, offsets[10]);
+    EXPECT_NE(faults[1].dwFoundLen, faults[1].dwExpectedLen);
+
+    unlink(path.c_str());
+    EXPECT_EQ(check().dwFaults, static_cast<uint32_t>(CM_FILE_MISSING));
+    EXPECT_EQ(CM_Ext_CheckFile(10, nullptr, nullptr, 0), -1);
+}
+
+TEST_F(ToolsExt, LogDescriptorReceivesEveryChannel) {
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_NONBLOCK), 0);
+    CM_Ext_SetLogDescriptor(fds[1]);
+    CM_GetCMvarTag(CM_NUM_VAR_IDS);  // logs an invalid ID on the system-log channel
+    CM_Ext_SetLogDescriptor(-1);
+    char buf[512] = {};
+    const ssize_t n = read(fds[0], buf, sizeof buf - 1);
+    close(fds[0]);
+    close(fds[1]);
+    ASSERT_GT(n, 0);
+    EXPECT_EQ(buf[n - 1], '\n');
+}
+
+}  // namespace
