@@ -24,7 +24,10 @@ CM_EXTERN_C_BEGIN
 CM_EXPORT int CM_init(int iMaster);
 /* Light start without watch thread.  0, or -2 when already started. */
 CM_EXPORT int CM_initNoRegister(void);
-/* Stop at once.  0, or -12 when not started. */
+/* Stop at once.  0, or -12 when not started.  The files are released only
+ * once the watch thread has ended (it is woken; the wait ends after 10 s if
+ * one of its callbacks does not return, and is skipped when a callback
+ * stops the library itself).  A forked child may stop and start again. */
 CM_EXPORT int CM_Exit(void);
 /* Stop after telling the watch thread to end and giving it one second. */
 CM_EXPORT int CM_Exit_Delayed(void);

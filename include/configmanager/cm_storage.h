@@ -57,7 +57,10 @@ CM_EXPORT int CM_InitialisePrevData(int32_t iFileIndex);
  * message when the buffer is null. */
 
 /* Reads a record from the mapping into pData (at least the variable's
- * stored size).  0, or -1 (bad index or record, not mapped, header wrong). */
+ * stored size).  0, or -1 (bad index or record, not mapped, header wrong;
+ * also when another process cut the file under the mapping: the library
+ * turns the SIGBUS of such a read into this failure and hands any other
+ * SIGBUS to the handler installed before its first mapping). */
 CM_EXPORT int CM_ReadDataItem(int32_t iFileIndex, int32_t iVarID_Rel, void* pData);
 
 /* Writes a record through the descriptor unless the mapped value already

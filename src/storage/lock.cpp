@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <chrono>
 #include <cstring>
 
@@ -21,6 +22,10 @@ constexpr auto kLogModule = log::Module::FileAccess;
 // randomised so that competing processes do not retry in step.
 constexpr long kBackoffBaseUs = 100000;
 constexpr long kBackoffSpreadUs = 100000;
+
+// The file mutexes this thread holds, one bit per file, so that an unlock
+// after the file was released knows whether there is a mutex to give back.
+thread_local uint16_t t_held = 0;
 
 bool retryable(int err) { return err == EINTR || err == EDEADLK || err == ENOLCK; }
 
@@ -44,12 +49,14 @@ int lockMutex(int i, const char* fn) {
     if (rc != 0)
         CM_LOG(log::kErr, fn, "PID=%d:%d. File '%s' - Failed to lock CM mutex, error=%d '%s'\n", getpid(),
                platform::tid(), pathOf(i), rc, std::strerror(rc));
+    if (rc == 0) t_held |= static_cast<uint16_t>(1u << i);
     if (fdRead[i] >= 0) return 0;
-    if (rc == 0) pthread_mutex_unlock(&mtxFile[i]);
+    if (rc == 0) unlockMutex(i, fn);
     return -1;
 }
 
 void unlockMutex(int i, const char* fn) {
+    t_held &= static_cast<uint16_t>(~(1u << i));
     const int rc = pthread_mutex_unlock(&mtxFile[i]);
     if (rc != 0)
         CM_LOG(log::kErr, fn, "PID=%d:%d File '%s' - Failed to UNlock CM mutex, error=%d '%s'\n", getpid(),
@@ -103,10 +110,9 @@ int unlockFile(int i, off_t start, off_t length) {
     const int fd = fdRead[i];
     if (fd < 0) {
         // The file was released while the lock was held, or never locked:
-        // a mutex this thread holds is released (an error-checking mutex
-        // refuses, harmlessly, one it does not hold).
+        // the mutex is given back when this thread holds it.
         logNoDescriptor(i, fn);
-        pthread_mutex_unlock(&mtxFile[i]);
+        if (t_held & (1u << i)) unlockMutex(i, fn);
         return -1;
     }
     if (setLock(fd, F_UNLCK, F_SETLK, start, length) != 0)
