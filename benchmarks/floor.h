@@ -22,7 +22,7 @@
 #include "catalogue/catalogue.h"
 #include "platform/paths.h"
 #include "storage/file_state.h"
-#include "storage/byte_order.h"
+#include "platform/byte_order.h"
 
 namespace bench::floor {
 
@@ -76,8 +76,8 @@ struct File {
         uint32_t at = 4;
         for (int r = 0; r < f.iNumItems; ++r) {
             const uint32_t size = f.pItems[r].wDataSize;
-            if (at + 4 + size > len || cm::storage::loadBe16(map + at) != r ||
-                cm::storage::loadBe16(map + at + 2) != size)
+            if (at + 4 + size > len || cm::platform::loadBe16(map + at) != r ||
+                cm::platform::loadBe16(map + at + 2) != size)
                 return false;
             offset[static_cast<size_t>(r)] = at;
             at += 4 + size;
@@ -100,7 +100,7 @@ struct File {
             for (int r = 0; r < f.iNumItems; ++r) {
                 const uint32_t at = offset[static_cast<size_t>(r)];
                 const uint32_t size = f.pItems[r].wDataSize;
-                if (cm::storage::loadBe16(map + at) != r || cm::storage::loadBe16(map + at + 2) != size) continue;
+                if (cm::platform::loadBe16(map + at) != r || cm::platform::loadBe16(map + at + 2) != size) continue;
                 if (std::memcmp(map + at + 4, copy + at + 4, size) != 0) {
                     std::memcpy(copy + at + 4, map + at + 4, size);
                     if (nHits < 8) hits[nHits++] = r;
@@ -116,8 +116,8 @@ struct File {
         const uint32_t at = offset[static_cast<size_t>(rel)];
         const uint32_t size = cm::catalogue::sConfigItemList[index].pItems[rel].wDataSize;
         uint8_t rec[4 + 256];
-        cm::storage::storeBe16(rec, static_cast<uint16_t>(rel));
-        cm::storage::storeBe16(rec + 2, static_cast<uint16_t>(size));
+        cm::platform::storeBe16(rec, static_cast<uint16_t>(rel));
+        cm::platform::storeBe16(rec + 2, static_cast<uint16_t>(size));
         std::memcpy(rec + 4, data, size);
         lock(fd, at, size + 4);
         const bool differs = std::memcmp(rec + 4, map + at + 4, size) != 0;

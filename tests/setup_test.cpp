@@ -6,13 +6,14 @@
 #include "platform/paths.h"
 #include "process/state.h"
 #include "setup/setup.h"
-#include "storage/byte_order.h"
+#include "platform/byte_order.h"
 #include "storage/file_state.h"
 #include "storage/open_map.h"
 #include "storage/record.h"
 #include "support/test_support.h"
 
 using namespace cm::storage;
+using cm::platform::storeBe16;
 using namespace cm::setup;
 
 namespace {

@@ -8,7 +8,7 @@
 #include "log/log.h"
 #include "notify/registry.h"
 #include "process/state.h"
-#include "storage/byte_order.h"
+#include "platform/byte_order.h"
 #include "storage/defaults.h"
 #include "storage/file_state.h"
 #include "storage/lock.h"
@@ -17,6 +17,8 @@
 
 namespace cm::setup {
 namespace {
+
+using platform::loadBe16;
 
 constexpr auto kLogModule = log::Module::FileAccess;
 using namespace storage;

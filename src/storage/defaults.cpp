@@ -8,7 +8,7 @@
 #include "catalogue/lookup.h"
 #include "log/log.h"
 #include "platform/env.h"
-#include "storage/byte_order.h"
+#include "platform/byte_order.h"
 #include "storage/file_state.h"
 #include "storage/lock.h"
 #include "storage/open_map.h"
@@ -16,6 +16,9 @@
 
 namespace cm::storage {
 namespace {
+
+using platform::storeBe16;
+using platform::storeBe32;
 
 constexpr auto kLogModule = log::Module::FileAccess;
 

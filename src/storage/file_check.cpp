@@ -9,11 +9,13 @@
 #include <vector>
 
 #include "catalogue/catalogue.h"
-#include "storage/byte_order.h"
+#include "platform/byte_order.h"
 #include "storage/file_state.h"
 
 namespace cm::storage {
 namespace {
+
+using platform::loadBe16;
 
 // Reads the whole file (at most `limit` bytes, enough to see that it is too
 // long); false when it cannot be opened or read.

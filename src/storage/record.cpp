@@ -8,7 +8,7 @@
 
 #include "catalogue/lookup.h"
 #include "log/log.h"
-#include "storage/byte_order.h"
+#include "platform/byte_order.h"
 #include "storage/defaults.h"
 #include "storage/file_state.h"
 #include "storage/lock.h"
@@ -18,6 +18,9 @@
 
 namespace cm::storage {
 namespace {
+
+using platform::loadBe16;
+using platform::storeBe16;
 
 constexpr auto kLogModule = log::Module::FileAccess;
 constexpr int kWriteAttempts = 10;

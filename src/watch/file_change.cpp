@@ -15,7 +15,7 @@
 #include "platform/env.h"
 #include "process/state.h"
 #include "setup/setup.h"
-#include "storage/byte_order.h"
+#include "platform/byte_order.h"
 #include "storage/file_state.h"
 #include "storage/lock.h"
 #include "storage/map_guard.h"
@@ -24,6 +24,8 @@
 
 namespace cm::watch {
 namespace {
+
+using platform::loadBe16;
 
 constexpr auto kLogModule = log::Module::FileAccess;
 constexpr int kGrowthChecks = 50;
