@@ -97,23 +97,6 @@ demo: build
 check-leaks: build
 	tools/check-no-leaks.sh ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 
-# Fuzzing: every target runs for FUZZ_SECONDS, seeded from tests/fuzz-corpus/.
-FUZZ_BUILD ?= build-fuzz
-FUZZ_SECONDS ?= 60
-FUZZ_CC ?= clang-14
-FUZZ_CXX ?= clang++-14
-FUZZ_FLAGS := -fsanitize=address,undefined -fno-sanitize-recover=undefined -fsanitize=fuzzer-no-link -g -O1
-
-.PHONY: fuzz build-fuzz
-build-fuzz:
-	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_C_COMPILER=$(FUZZ_CC) -DCMAKE_CXX_COMPILER=$(FUZZ_CXX) \
-	  -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_FLAGS="$(FUZZ_FLAGS)" -DCMAKE_CXX_FLAGS="$(FUZZ_FLAGS)" \
-	  -DCM_BUILD_FUZZERS=ON -DCM_BUILD_TESTS=OFF -DCM_BUILD_EXAMPLES=OFF -DCM_BUILD_BENCHMARKS=OFF
-	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzzers
-
-fuzz: build-fuzz
-	tools/fuzz/run-fuzzers.sh $(FUZZ_BUILD)/fuzz $(FUZZ_SECONDS)
-
 # Sanitizer legs.  The options are set here, so that a plain ctest in the
 # build directory runs without them; run through these targets.
 BUILD_ASAN ?= build-asan
