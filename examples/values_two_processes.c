@@ -20,7 +20,9 @@
 #include <configmanager/configmanager.h>
 
 static const int32_t s_vars[4] = {UNIT_NAME, CMS_CONNECT_TIMEOUT, CURRENT_IP4_ADDRESS, CURRENT_FILE_TRANSFER_PASSWORD};
-static volatile int s_seen;
+static int s_seen; /* bumped on the watch thread, read by main */
+
+static int seen(void) { return __atomic_load_n(&s_seen, __ATOMIC_SEQ_CST); }
 
 static int on_change(int32_t id) {
     char text[CM_VALUE_TEXT_SIZE];
@@ -30,7 +32,7 @@ static int on_change(int32_t id) {
         CM_Get_Var_Value_As_String(id, text);
     printf("[reader pid %d] %s = %s\n", (int)getpid(), CM_GetCMvarTag(id), text);
     fflush(stdout);
-    s_seen++;
+    __atomic_add_fetch(&s_seen, 1, __ATOMIC_SEQ_CST);
     return 0;
 }
 
@@ -46,9 +48,9 @@ static int reader(int ready_fd) {
     if (CM_init(0) != 0) return 1;
     for (i = 0; i < 4; i++) CM_Register_Interest(s_vars[i], on_change);
     if (write(ready_fd, "r", 1) != 1) return 1;
-    for (i = 0; i < 10000 && s_seen < 4; i++) sleep_ms(1);
+    for (i = 0; i < 10000 && seen() < 4; i++) sleep_ms(1);
     CM_Exit();
-    return s_seen == 4 ? 0 : 1;
+    return seen() == 4 ? 0 : 1;
 }
 
 static int writer(int ready_fd) {

@@ -107,7 +107,7 @@ TEST_F(Applog, RemoteLogEventText) {
 
     // The caller's format takes its arguments; neither the gate nor the
     // console setting applies; the sequence number wraps after 99999.
-    g_iConsoleLog = 1;
+    __atomic_store_n(&g_iConsoleLog, 1, __ATOMIC_RELAXED);
     cm::log::oLogMode = 0;
     cm::applog::setNextSeqNo(99999);
     log.clear();

@@ -186,7 +186,7 @@ TEST_F(BackupRestore, SpecialForms) {
 
     // Failures: no path, a directory that does not exist (straight to the
     // system log even in console mode), a library that is not running.
-    g_iConsoleLog = 1;
+    __atomic_store_n(&g_iConsoleLog, 1, __ATOMIC_RELAXED);
     EXPECT_EQ(CM_BackupConfig_common(nullptr, 1, 1), -1);
     const std::string nowhere = root.dir() + "/no/such/dir/b.txt";
     EXPECT_EQ(CM_BackupConfig_common(nowhere.c_str(), 1, 1), -1);

@@ -70,7 +70,7 @@ std::pair<int, std::string> inChild(void (*body)()) {
         dup2(fds[1], 1);
         cmtest::FastEnv env;
         cm::log::setSink(nullptr);
-        g_iConsoleLog = 1;
+        __atomic_store_n(&g_iConsoleLog, 1, __ATOMIC_RELAXED);
         body();
         _exit(99);
     }

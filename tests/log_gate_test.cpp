@@ -46,7 +46,7 @@ TEST_F(LogGate, DecisionTable) {
 TEST_F(LogGate, MessageShapesOnBothChannels) {
     Applog_default(7);
     for (int console : {1, 2}) {  // exactly 1 is the console, anything else the system log
-        g_iConsoleLog = console;
+        __atomic_store_n(&g_iConsoleLog, console, __ATOMIC_RELAXED);
         errno = EACCES;
         CM_LOG(259, "CM_LockFile", "bad %d: %m\n", 1);
         CM_LOG(262, "CM_LockFile", "info %d\n", 2);

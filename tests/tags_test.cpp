@@ -138,7 +138,7 @@ TEST_F(Tags, EveryCacheDefectIsRebuilt) {
         {"one number", withLine(2, "3 x"), "line 2, so re-creating it"},
         {"binary", std::string("Unknown\n\0\xff\x01 5\n", 13), "Bad data or error while reading file"},
     };
-    g_iConsoleLog = 1;
+    __atomic_store_n(&g_iConsoleLog, 1, __ATOMIC_RELAXED);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         unlink(cache.c_str());
@@ -203,7 +203,7 @@ TEST_F(Tags, ACacheThatCannotBeWrittenFailsEveryLookup) {
 }
 
 TEST_F(Tags, LinearSearch) {
-    g_iConsoleLog = 1;
+    __atomic_store_n(&g_iConsoleLog, 1, __ATOMIC_RELAXED);
     int32_t f = 5, r = 5;
     EXPECT_EQ(CM_FindFileIndexRelativeIDCMTag("", &f, &r), -1);
     EXPECT_EQ(f, 5);

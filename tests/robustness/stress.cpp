@@ -116,7 +116,7 @@ int onChange(int32_t id) {
 
 [[noreturn]] void runChild(ChildLink& link, int me, const std::string& root) {
     CM_Host_SetRootDirectory(root.c_str());
-    g_iConsoleLog = 1;  // messages to stdout, which is this process's log file
+    __atomic_store_n(&g_iConsoleLog, 1, __ATOMIC_RELAXED);  // messages to stdout, which is this process's log file
     if (CM_init(me == 0 ? 1 : 0) != 0) _exit(3);
     for (const Var& v : g_vars)
         if (CM_Register_Interest(v.id, onChange) != 0) _exit(4);

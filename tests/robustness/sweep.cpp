@@ -73,7 +73,7 @@ int setUpInChild(const std::string& root, int index, bool master, bool readAll) 
     if (pid == 0) {
         const int null = open("/dev/null", O_WRONLY);
         if (null >= 0) dup2(null, 1), dup2(null, 2);
-        g_iConsoleLog = 1;
+        __atomic_store_n(&g_iConsoleLog, 1, __ATOMIC_RELAXED);
         CM_Host_SetRootDirectory(root.c_str());
         if (master) CM_SetAsMaster();
         const int rc = CM_SetUpConfigFile(index);

@@ -94,7 +94,7 @@ void resetLibraryState() {
     // Only now: a watch thread still logging reads these.
     log::oLogMode = 1;
     log::dwLogFilter = 5;
-    g_iConsoleLog = 0;
+    __atomic_store_n(&g_iConsoleLog, 0, __ATOMIC_RELAXED);
     for (int i = 0; i < storage::kNumFiles; ++i) {
         storage::dropPrevData(i);
         storage::dwLenActualFile[i] = storage::dwLenCorrectFile[i] = 0;
