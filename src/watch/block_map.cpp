@@ -18,9 +18,11 @@ struct Layout {
 };
 
 // Made on first use (by the first diff, not at start-up); immutable after.
+// Never destroyed: a process may exit while its watch thread is diffing.
 const Layout& layout() {
-    static const Layout l = [] {
-        Layout out;
+    static const Layout& l = *[] {
+        auto* made = new Layout;
+        Layout& out = *made;
         for (int i = 0; i < storage::kNumFiles; ++i) {
             const auto& file = catalogue::sConfigItemList[i];
             auto& off = out.offset[i];
@@ -42,7 +44,7 @@ const Layout& layout() {
                 first.push_back(r);
             }
         }
-        return out;
+        return made;
     }();
     return l;
 }
