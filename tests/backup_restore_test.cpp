@@ -95,7 +95,6 @@ class BackupRestore : public ::testing::Test {
 protected:
     void SetUp() override {
         cmtest::resetLibraryState();
-        cm::tags::resetLoadedFlag();
         cm::paths::setRoot(root.dir());
         ASSERT_EQ(CM_init(1), 0);
         backup = root.dir() + "/backup.txt";
@@ -103,7 +102,6 @@ protected:
     }
     void TearDown() override {
         cmtest::resetLibraryState();
-        cm::tags::resetLoadedFlag();
     }
     // Every variable but CM_FLAG changed away from its default, by type.
     static void changeEverything() {

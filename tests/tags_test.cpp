@@ -50,7 +50,6 @@ class Tags : public ::testing::Test {
 protected:
     void SetUp() override {
         cmtest::resetLibraryState();
-        cm::tags::resetLoadedFlag();
         cm::paths::setRoot(root.dir());
         ASSERT_EQ(CM_init(1), 0);
         cm::log::dwLogFilter = 7;  // informational messages too
@@ -58,7 +57,6 @@ protected:
     }
     void TearDown() override {
         cmtest::resetLibraryState();
-        cm::tags::resetLoadedFlag();
     }
     // The cache as a fresh mapping writes it.
     std::vector<std::string> soundCache() {

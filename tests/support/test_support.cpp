@@ -1,5 +1,7 @@
 #include "support/test_support.h"
 
+#include "tags/tag_table.h"
+
 #include <stdarg.h>
 #include <unistd.h>
 
@@ -89,6 +91,7 @@ std::vector<std::chrono::nanoseconds> FastEnv::sleeps() const {
 void resetLibraryState() {
     using namespace cm;
     lifecycle::cleanUp();  // descriptors, mappings, the inotify descriptor
+    tags::resetLoadedFlag();  // the next lookup by tag loads the cache again
     // A watch thread must see the kill flag and end before it is cleared.
     watch::waitForStaleWatchThread();
     // Only now: a watch thread still logging reads these.
