@@ -50,7 +50,10 @@ void parseEvents(const uint8_t* buf, size_t len, PassFlags& flags) {
                 taken = true;
             }
         }
-        if (!taken) CM_LOG_TAGGED(log::kWarn, "CM_ReadThread, PID=%d. Failed to find a watch descriptor match\n", getpid());
+        if (!taken && (ev.mask & IN_IGNORED) && flags.wakeUps > 0)
+            --flags.wakeUps;
+        else if (!taken)
+            CM_LOG_TAGGED(log::kWarn, "CM_ReadThread, PID=%d. Failed to find a watch descriptor match\n", getpid());
         if (ev.mask & IN_Q_OVERFLOW) {
             // The kernel dropped events: every file counts as modified (the
             // diff finds what changed; an unchanged file costs one compare),

@@ -16,6 +16,10 @@ inline constexpr size_t kEventHeader = 16;       // wd, mask, cookie, name lengt
 struct PassFlags {
     bool deleted[storage::kNumFiles];
     bool modified[storage::kNumFiles];
+    // In: how many removal events of watches on no data file are the
+    // thread's own wake-ups, to be taken without a message; out: how many of
+    // those are still to come.
+    unsigned wakeUps;
 };
 
 // Parses whole events; a partial event at the end is logged and dropped (it

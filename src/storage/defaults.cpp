@@ -11,6 +11,7 @@
 #include "platform/byte_order.h"
 #include "storage/file_state.h"
 #include "storage/lock.h"
+#include "storage/own_write.h"
 #include "storage/open_map.h"
 #include "storage/record_io.h"
 
@@ -246,13 +247,16 @@ int updateCRCAfterRecordWrite(int i, off_t recordStart, off_t recordLength) {
     if (!checkIndex(i, fn)) return -1;
     if (fdRead[i] < 0) {
         unlockFile(i, recordStart, recordLength);
+        ownwrite::noEventFollows(i);
         CM_LOG(log::kErr, fn, "File descriptor for file no. '%s' invalid - quit \n", pathOf(i));
         return -1;
     }
     CM_LOG(log::kDebug, fn, "ID=%d:%d called for file %s\n", getpid(), platform::tid(), pathOf(i));
     moveLock(i, recordStart, recordLength, 0, 0);
+    ownwrite::eventFollows(i);
     const int rc = detail::writeCrcWord(i, fn);
     unlockFile(i, 0, 0);
+    if (rc != 0) ownwrite::noEventFollows(i);
     return rc;
 }
 

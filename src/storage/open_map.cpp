@@ -14,6 +14,7 @@
 #include "platform/env.h"
 #include "storage/file_state.h"
 #include "storage/map_guard.h"
+#include "storage/unlocked_look.h"
 
 namespace cm::storage {
 namespace {
@@ -175,6 +176,7 @@ int unmapFile(int i) {
     const void* p = pMappedFile[i].load();
     const uint32_t len = dwLenMappedFile[i].load();
     if (p == nullptr && len == 0) return 0;
+    waitForUnlockedLook(i);
     pMappedFile[i] = nullptr;
     dwLenMappedFile[i] = 0;
     if (p == nullptr || len == 0) {
@@ -200,6 +202,7 @@ int remapFile(int i, uint32_t length) {
         if (mapped(i)) {
             // Resized even when the length is unchanged: the kernel may move
             // the mapping, and the new address is taken either way.
+            waitForUnlockedLook(i);
             void* old = const_cast<uint8_t*>(pMappedFile[i].load());
             const uint32_t oldLen = dwLenMappedFile[i];
             // The fields are cleared first: the guard against cut files must
@@ -242,6 +245,7 @@ int initialisePrevData(int i, const char* fn, bool logAlloc) {
         return -1;
     }
     const uint32_t len = dwLenMappedFile[i];
+    waitForUnlockedLook(i);
     void* p;
     if (pPrevData[i] != nullptr) {
         if (logAlloc) CM_LOG(log::kDebug, fn, "pPrevData[%d] non-zero so reallocing it...\n", i);
@@ -270,6 +274,7 @@ int initialisePrevData(int i, const char* fn, bool logAlloc) {
 }
 
 void dropPrevData(int i) {
+    waitForUnlockedLook(i);
     std::free(pPrevData[i]);
     __atomic_store_n(&pPrevData[i], nullptr, __ATOMIC_RELEASE);
     dwLenPrevData[i] = 0;

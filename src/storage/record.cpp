@@ -13,6 +13,7 @@
 #include "storage/file_state.h"
 #include "storage/lock.h"
 #include "storage/map_guard.h"
+#include "storage/own_write.h"
 #include "storage/record_io.h"
 #include "values/ipaddr.h"
 
@@ -155,6 +156,7 @@ int detail::writeRecord(int i, int rel, const void* value, bool bLock, bool& wri
 
     if (bLock) lockRecord(i, offset, size);
     bool failed = false;
+    bool began = false;  // a record write of the set is under way
     int diff = 0;
     if (!insideMapping(fn, i, rel, offset, size) ||
         detail::copyValue(i, rel, rec + kRecordHeader, value, len) != 0) {
@@ -166,6 +168,10 @@ int detail::writeRecord(int i, int rel, const void* value, bool bLock, bool& wri
         // A failed attempt marks the call failed for good, even when a later
         // attempt gets the record written.
         const int fd = fdRead[i];
+        if (bLock) {
+            ownwrite::begin(i);
+            began = true;
+        }
         errno = 0;
         for (int attempt = 0; attempt < kWriteAttempts && !written; ++attempt) {
             if (lseek(fd, offset, SEEK_SET) == static_cast<off_t>(-1)) {
@@ -189,10 +195,12 @@ int detail::writeRecord(int i, int rel, const void* value, bool bLock, bool& wri
                           "abs ID=%d (rel ID=%d) : %m\n",
                           getpid(), i, pathOf(i), absoluteId(i, rel), rel);
     }
-    if (bLock && written)
+    if (bLock && written) {
         updateCRCAfterRecordWrite(i, offset, size);
-    else if (bLock)
+    } else if (bLock) {
         unlockRecord(i, offset, size);
+        if (began) ownwrite::noEventFollows(i);
+    }
     if (failed) return -1;
     return written ? 1 : 0;
 }

@@ -8,6 +8,7 @@
 #include "log/log.h"
 #include "process/state.h"
 #include "storage/file_state.h"
+#include "storage/unlocked_look.h"
 
 namespace cm::storage {
 namespace {
@@ -24,6 +25,7 @@ void releaseFile(int i, bool destroyMutex) {
     const uint8_t* map = pMappedFile[i].load();
     const uint32_t len = dwLenMappedFile[i].load();
     if (map != nullptr) {
+        waitForUnlockedLook(i);
         pMappedFile[i] = nullptr;
         dwLenMappedFile[i] = 0;
         munmap(const_cast<uint8_t*>(map), len);

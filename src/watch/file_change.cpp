@@ -20,6 +20,7 @@
 #include "storage/lock.h"
 #include "storage/map_guard.h"
 #include "storage/open_map.h"
+#include "storage/unlocked_look.h"
 #include "watch/block_map.h"
 
 namespace cm::watch {
@@ -215,18 +216,22 @@ void actionFileChange(int i) {
     const auto& file = catalogue::sConfigItemList[i];
     const int32_t first = file.iFirstVarID;
 
-    // A first look without the fcntl lock, holding only this process's
-    // mutex of the file (its mapping and copy stay in place), so that an
-    // unchanged file holds up no other process.  A write in progress can
-    // only make a block look different (it is looked at again under the
-    // lock); a write that lands after its block was compared raises an event
-    // of its own, which the next pass sees.
+    // A first look without any lock (the mapping and the copy stay in place
+    // while it is announced), so that an unchanged file holds up no other
+    // process and no set of this one.  A write in progress can only make a
+    // block look different (it is looked at again under the lock); a write
+    // that lands after its block was compared raises an event of its own,
+    // which the next pass sees.
     std::span<const uint32_t> blocks;
     if (lockMutex(i, fn) != 0) return;
+    const uint8_t* map = pMappedFile[i];
+    const uint8_t* prev = pPrevData[i];
     const uint32_t seen = std::min<uint32_t>(dwLenMappedFile[i], dwLenPrevData[i]);
-    const bool intact = pMappedFile[i] == nullptr || pPrevData[i] == nullptr || seen == 0 ||
-                        differingBlocks(pMappedFile[i], pPrevData[i], seen, blocks);
+    const bool look = map != nullptr && prev != nullptr && seen != 0;
+    if (look) beginUnlockedLook(i);
     unlockMutex(i, fn);
+    const bool intact = !look || differingBlocks(map, prev, seen, blocks);
+    if (look) endUnlockedLook(i);
     if (!intact || blocks.empty()) return;
 
     // Relative IDs of the changed records, ascending; this thread alone uses them.

@@ -16,7 +16,9 @@
 #include "platform/paths.h"
 #include "process/state.h"
 #include "storage/file_state.h"
+#include "storage/own_write.h"
 #include "storage/release.h"
+#include "storage/unlocked_look.h"
 #include "watch/file_change.h"
 #include "watch/watch_thread.h"
 
@@ -43,6 +45,8 @@ struct ThreadState {
 ThreadState g_state;
 pthread_mutex_t g_stateMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t g_joinMutex = PTHREAD_MUTEX_INITIALIZER;
+// Wake-ups sent whose removal events the thread has not read yet.
+std::atomic<unsigned> g_wakeUps{0};
 
 // How long a stop waits for a busy thread (a long callback, say) to end
 // before it releases the files anyway, under their locks.
@@ -109,9 +113,20 @@ void runPass(int fd) {
                       getpid(), e, std::strerror(e));
         platform::sleepSeconds(1);
     } else if (got > 0) {
+        const unsigned wakeUps = g_wakeUps.load();
+        flags.wakeUps = wakeUps;
         inotify::parseEvents(buffer, static_cast<size_t>(got), flags);
+        g_wakeUps.fetch_sub(wakeUps - flags.wakeUps);
     }
     if (process::killRequested()) return;
+    // A modified file whose change is a set of this process still under way
+    // is left to the event of the set's check-word write (looked at as soon
+    // as the events are in, while the set is most likely still going).
+    for (int i = 0; i < kNumFiles; ++i) {
+        if (storage::ownwrite::takeRedo(i)) flags.modified[i] = true;
+        if (flags.modified[i] && !flags.deleted[i] && storage::ownwrite::leaveToNextEvent(i))
+            flags.modified[i] = false;
+    }
     waitForDefaultsLock();
     for (int i = 0; i < kNumFiles && !process::killRequested(); ++i) {
         if (flags.deleted[i])
@@ -180,6 +195,9 @@ int startWatchThread() {
     // orders convert inotify events only on descriptors copied this way.
     g_state.events = dup(process::inotifyfd.load());
     if (g_state.events >= 0) fcntl(g_state.events, F_SETFD, FD_CLOEXEC);
+    g_wakeUps.store(0);
+    storage::ownwrite::reset();
+    storage::ownwrite::setWake(wakeWatchThread);
     const int rc = pthread_create(&g_state.handle, nullptr, readThread, nullptr);
     g_state.joinable = rc == 0;
     pthread_mutex_unlock(&g_stateMutex);
@@ -194,9 +212,13 @@ void wakeWatchThread() {
     // cannot be one of the files' own watches.
     pthread_mutex_lock(&g_stateMutex);
     if (g_state.events >= 0) {
+        g_wakeUps.fetch_add(1);
         int wd = inotify_add_watch(g_state.events, paths::root(), IN_DELETE_SELF | IN_ONLYDIR);
         if (wd < 0) wd = inotify_add_watch(g_state.events, "/", IN_DELETE_SELF | IN_ONLYDIR);
-        if (wd >= 0) inotify_rm_watch(g_state.events, wd);
+        if (wd >= 0)
+            inotify_rm_watch(g_state.events, wd);
+        else
+            g_wakeUps.fetch_sub(1);
     }
     pthread_mutex_unlock(&g_stateMutex);
 }
@@ -209,6 +231,8 @@ void forgetThreadAfterFork() {
     pthread_mutex_init(&g_joinMutex, nullptr);
     g_state.joinable = false;
     closeEventsFd();
+    storage::ownwrite::reset();
+    storage::forgetUnlockedLooks();
 }
 
 }  // namespace cm::watch
