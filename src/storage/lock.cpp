@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -53,6 +54,20 @@ int lockMutex(int i, const char* fn) {
     if (fdRead[i] >= 0) return 0;
     if (rc == 0) unlockMutex(i, fn);
     return -1;
+}
+
+int lockMutexYielding(int i, const char* fn) {
+    constexpr int kYields = 50;
+    for (int n = 0; n < kYields; ++n) {
+        if (pthread_mutex_trylock(&mtxFile[i]) == 0) {
+            t_held |= static_cast<uint16_t>(1u << i);
+            if (fdRead[i] >= 0) return 0;
+            unlockMutex(i, fn);
+            return -1;
+        }
+        sched_yield();
+    }
+    return lockMutex(i, fn);
 }
 
 void unlockMutex(int i, const char* fn) {

@@ -27,6 +27,10 @@ int unlockFile(int iFileIndex, off_t start, off_t length);
 // with the mutex held and the file open, or -1 (nothing held, nothing
 // logged) when the file has no descriptor.
 int lockMutex(int iFileIndex, const char* fn);
+// lockMutex for the watch thread: while another thread (a set finishing)
+// holds the mutex, yields to it a few times before it blocks, so that the
+// holder neither loses its processor to the thread nor has to wake it.
+int lockMutexYielding(int iFileIndex, const char* fn);
 void unlockMutex(int iFileIndex, const char* fn);
 int lockRange(int iFileIndex, off_t start, off_t length, const char* fn);
 

@@ -39,6 +39,8 @@ bool leaveToNextEvent(int i) {
 
 bool takeRedo(int i) { return g_redo[i].load(std::memory_order_relaxed) && g_redo[i].exchange(false); }
 
+bool underWay(int i) { return g_underWay[i].load(std::memory_order_relaxed); }
+
 bool passLeft(int i) { return g_left[i].load(); }
 
 void setWake(void (*wake)()) { g_wake.store(wake); }

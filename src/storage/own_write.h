@@ -24,6 +24,8 @@ void noEventFollows(int iFileIndex); // instead of it, or after it failed
 // Watch-thread side.  True when the file's pass may be left to the event
 // of a check-word write still to come.
 bool leaveToNextEvent(int iFileIndex);
+// True while a record write of this process is under way on the file.
+bool underWay(int iFileIndex);
 // True (once) when a pass left to a following event must run after all.
 bool takeRedo(int iFileIndex);
 // True while a pass of the file is left to a following event (for tests).

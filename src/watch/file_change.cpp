@@ -223,7 +223,7 @@ void actionFileChange(int i) {
     // that lands after its block was compared raises an event of its own,
     // which the next pass sees.
     std::span<const uint32_t> blocks;
-    if (lockMutex(i, fn) != 0) return;
+    if (lockMutexYielding(i, fn) != 0) return;
     const uint8_t* map = pMappedFile[i];
     const uint8_t* prev = pPrevData[i];
     const uint32_t seen = std::min<uint32_t>(dwLenMappedFile[i], dwLenPrevData[i]);

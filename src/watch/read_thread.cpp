@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/inotify.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -27,6 +28,7 @@ namespace {
 
 constexpr auto kLogModule = log::Module::FileAccess;
 constexpr int kLockFileChecks = 100;
+constexpr int kOwnWriteYields = 100;
 
 using storage::kNumFiles;
 
@@ -122,24 +124,47 @@ void runPass(int fd) {
     // A modified file whose change is a set of this process still under way
     // is left to the event of the set's check-word write (looked at as soon
     // as the events are in, while the set is most likely still going).
+    bool left[kNumFiles] = {};
+    bool work = false;
     for (int i = 0; i < kNumFiles; ++i) {
         if (storage::ownwrite::takeRedo(i)) flags.modified[i] = true;
         if (flags.modified[i] && !flags.deleted[i] && storage::ownwrite::leaveToNextEvent(i))
-            flags.modified[i] = false;
+            flags.modified[i] = false, left[i] = true;
+        work = work || flags.deleted[i] || flags.modified[i];
     }
-    waitForDefaultsLock();
-    for (int i = 0; i < kNumFiles && !process::killRequested(); ++i) {
-        if (flags.deleted[i])
-            handleDeletedFile(i);
-        else if (flags.modified[i])
-            handleModifiedFile(i);
+    if (work) {  // else there is nothing to wait for the defaults lock file about
+        waitForDefaultsLock();
+        for (int i = 0; i < kNumFiles && !process::killRequested(); ++i) {
+            if (flags.deleted[i])
+                handleDeletedFile(i);
+            else if (flags.modified[i])
+                handleModifiedFile(i);
+        }
     }
+    // A set whose pass was left is a few system calls from its check-word
+    // write: letting it get there before the next read finds that event
+    // queued, instead of waking the thread (and costing its writer) again.
+    for (int i = 0; i < kNumFiles; ++i)
+        for (int n = 0; left[i] && n < kOwnWriteYields && storage::ownwrite::underWay(i); ++n) sched_yield();
+}
+
+// An event wakes the thread without taking the processor from the thread
+// that is running: above all, a set of this process is not cut short by the
+// event of its own record write (the thread runs on an idle processor, or
+// when the running thread blocks or its time slice ends).  Only a thread of
+// the ordinary policy is moved; a real-time one keeps what it inherited.
+void yieldToRunningThreads() {
+    int policy = 0;
+    sched_param param{};
+    if (pthread_getschedparam(pthread_self(), &policy, &param) == 0 && policy == SCHED_OTHER)
+        pthread_setschedparam(pthread_self(), SCHED_BATCH, &param);
 }
 
 }  // namespace
 
 void* readThread(void*) {
     CM_LOG_TAGGED(293, "Started pthread PID=%d:%d running ConfigManager CM_ReadThread()\n", getpid(), platform::tid());
+    yieldToRunningThreads();
     const int fd = eventsFd();
     while (fd >= 0 && !process::killRequested()) runPass(fd);
     process::s_bKillCM = 0;
