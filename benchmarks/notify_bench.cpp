@@ -1,19 +1,27 @@
-// Change notification across processes, against the floor in the same run.
+// Change notification across processes, against its floor and its peer in
+// the same run.
 //
 //   build/benchmarks/notify_bench [--rounds N]   (or CM_BENCH_ROUNDS=N)
 //
 // A writer process changes one variable of the largest data file, waits
-// until every watcher has been told, pauses 1 ms and writes again.  The
-// library's side: the writer and K watcher processes run the library with
-// its watch thread (CM_init) and a callback on the variable.  The floor's
-// side: the same processes doing only the bare system calls (floor.h), the
-// writer with a floor watch thread of its own.  Rounds alternate between the
-// two sides; each figure is the median over rounds, and each ratio the
-// median of the per-round ratios.
+// until every watcher has been told, pauses 1 ms and writes again.  Four
+// kinds of writer, each with K other watching processes:
+//   full   the writer started with CM_init (its own watch thread, and a
+//          callback on the variable, which it waits for too); library
+//          watchers;
+//   light  the writer started with CM_initNoRegister; library watchers;
+//   floor  the bare system calls (floor.h), the writer with a floor watch
+//          thread of its own, floor watchers;
+//   redis  a SET over loopback to a key-value server, and subscribers to its
+//          keyspace notifications (only when redis-server is installed).
+// Rounds alternate between the kinds; each figure is the median over rounds
+// and each ratio the median of the per-round ratios.
 //
-// Reported: the write's median and 99th percentile with 0, 1 and 8 other
-// watchers; the time from just before the write call to the callback in the
-// first and the last of K watchers; the CPU a watcher spends per change.
+// Reported: the full writer's set (p50 and p99) against the light one's with
+// 0, 1 and 8 other watchers; the time from just before the set to the
+// callback in the one other watcher and in the last of 8, against the light
+// writer's and the peer's; the CPU a watcher spends per change, against the
+// floor's.
 //
 // Helper modes, for benchmarks/syscalls_per_pass.sh:
 //   --prepare DIR            create the data files under DIR (as the master)
@@ -33,6 +41,7 @@
 #include "configmanager/cm_host.h"
 #include "configmanager/configmanager.h"
 #include "floor.h"
+#include "redis_peer.h"
 
 namespace {
 
@@ -42,6 +51,8 @@ constexpr int kRel = kVar - 800;
 constexpr int kMaxWatchers = 8;
 constexpr int kSlots = kMaxWatchers + 1;  // slot 0: the writer's own watch thread
 constexpr int kWrites = 120;
+
+enum class Kind { Full, Light, Floor, Redis };
 
 struct Shared {
     sem_t ready, told;
@@ -53,6 +64,7 @@ struct Shared {
 };
 Shared* g;
 int g_slot;
+int g_redisPort = -1;
 
 int64_t cpuNs(const rusage& ru) {
     auto ns = [](const timeval& t) { return static_cast<int64_t>(t.tv_sec) * 1000000000 + t.tv_usec * 1000; };
@@ -63,6 +75,7 @@ void told(int slot) {
     g->toldAt[slot].store(bench::nowNs());
     sem_post(&g->told);
 }
+void toldHere() { told(g_slot); }
 
 int onChange(int32_t) {
     told(g_slot);
@@ -86,9 +99,10 @@ void markReady(int slot) {
     sem_post(&g->ready);
 }
 
-[[noreturn]] void runWatcher(bool lib, int slot, const std::string& root) {
+[[noreturn]] void runWatcher(Kind kind, int slot, const std::string& root) {
     g_slot = slot;
-    if (lib) {
+    if (kind == Kind::Redis) bench::redis::subscribe(g_redisPort, [slot] { markReady(slot); }, toldHere);
+    if (kind != Kind::Floor) {
         CM_Host_SetRootDirectory(root.c_str());
         CM_init(0);
         CM_Register_Interest(kVar, onChange);
@@ -104,42 +118,53 @@ void markReady(int slot) {
     _exit(0);
 }
 
-// Writes kWrites alternating values; each time waits for every watcher
-// (the writer's own included) before the next write.
-[[noreturn]] void runWriter(bool lib, int watchers, const std::string& root) {
+// Writes kWrites alternating values; each time waits for every watcher (the
+// writer's own watch thread included, when it has one) before the next.
+[[noreturn]] void runWriter(Kind kind, int watchers, const std::string& root) {
     g_slot = 0;
     bench::floor::File f;
     uint8_t current = 0;
-    if (lib) {
+    int redis = -1;
+    const bool ownThread = kind == Kind::Full || kind == Kind::Floor;
+    if (kind == Kind::Full || kind == Kind::Light) {
         CM_Host_SetRootDirectory(root.c_str());
-        CM_init(0);
-        CM_Register_Interest(kVar, onChange);
+        if (kind == Kind::Full) {
+            CM_init(0);
+            CM_Register_Interest(kVar, onChange);
+        } else {
+            CM_initNoRegister();
+        }
         CM_GetDataItem(kVar, &current);
-    } else {
+    } else if (kind == Kind::Floor) {
         cm::paths::setRoot(root);
         f.open(kFile);
         const int ifd = bench::floor::watch(f);
         std::thread(floorWatchLoop, &f, ifd, 0).detach();
         current = f.map[f.offset[kRel] + 4];
+    } else {
+        redis = bench::redis::connectTo(g_redisPort);
     }
     usleep(20000);
+    const int first = ownThread ? 0 : 1;
     for (int n = 0; n < kWrites; ++n) {
         const uint8_t value = (n % 2 == 0) == (current == 10) ? 11 : 10;
         for (int k = 0; k <= watchers; ++k) g->toldAt[k].store(0);
         const int64_t t0 = bench::nowNs();
-        if (lib)
+        if (kind == Kind::Full || kind == Kind::Light)
             CM_PutDataItem(kVar, &value);
-        else
+        else if (kind == Kind::Floor)
             f.write(kRel, &value);
+        else
+            bench::redis::command(redis, {"SET", bench::redis::kKey, std::to_string(value)}, "+OK\r\n");
         g->writeNs[n] = bench::nowNs() - t0;
-        for (int k = 0; k <= watchers; ++k) {
+        for (int k = first; k <= watchers; ++k) {
             timespec until;
             clock_gettime(CLOCK_REALTIME, &until);
             until.tv_sec += 2;
             while (sem_timedwait(&g->told, &until) != 0 && errno == EINTR) {
             }
         }
-        for (int k = 0; k <= watchers; ++k) {
+        for (int k = first; k <= watchers; ++k) {
             const int64_t at = g->toldAt[k].load();
             g->lat[n][k] = at == 0 ? -1 : at - t0;
             if (at == 0) ++g->missed;
@@ -160,12 +185,12 @@ struct RunResult {
     double writeP50, writeP99, firstUs, lastUs, cpuPerChangeUs;
 };
 
-RunResult runOnce(bool lib, int watchers, const std::string& root) {
+RunResult runOnce(Kind kind, int watchers, const std::string& root) {
     g->missed = 0;
     std::vector<pid_t> pids;
-    for (int k = 1; k <= watchers; ++k) pids.push_back(spawn([&] { runWatcher(lib, k, root); }));
+    for (int k = 1; k <= watchers; ++k) pids.push_back(spawn([&] { runWatcher(kind, k, root); }));
     for (int k = 1; k <= watchers; ++k) sem_wait(&g->ready);
-    const pid_t writer = spawn([&] { runWriter(lib, watchers, root); });
+    const pid_t writer = spawn([&] { runWriter(kind, watchers, root); });
     waitpid(writer, nullptr, 0);
     usleep(5000);
     double cpu = 0;
@@ -197,11 +222,11 @@ RunResult runOnce(bool lib, int watchers, const std::string& root) {
             watchers ? cpu / watchers / kWrites / 1000 : 0};
 }
 
-// Median over rounds of the library's figure, the floor's, and their ratio.
+// Median over rounds of one kind's figure, another's, and their ratio.
 bench::Row summarise(const std::string& name, const std::vector<RunResult>& lib, const std::vector<RunResult>& flo,
                      double RunResult::*field, double target) {
     std::vector<double> a, b, r;
-    for (size_t i = 0; i < lib.size(); ++i) {
+    for (size_t i = 0; i < lib.size() && i < flo.size(); ++i) {
         a.push_back(lib[i].*field);
         b.push_back(flo[i].*field);
         r.push_back(flo[i].*field > 0 ? lib[i].*field / (flo[i].*field) : 0);
@@ -234,7 +259,8 @@ int helperMode(int argc, char** argv) {
         return 0;
     }
     if (mode == "--serve" && argc == 4) {
-        const pid_t pid = spawn([&] { runWatcher(std::string(argv[2]) == "lib", 1, argv[3]); });
+        const Kind kind = std::string(argv[2]) == "lib" ? Kind::Full : Kind::Floor;
+        const pid_t pid = spawn([&] { runWatcher(kind, 1, argv[3]); });
         sem_wait(&g->ready);
         std::printf("ready %d\n", pid);
         std::fflush(stdout);
@@ -262,32 +288,46 @@ int main(int argc, char** argv) {
     g = makeShared();
     if (argc > 1 && std::strncmp(argv[1], "--benchmark", 11) != 0 && std::strcmp(argv[1], "--rounds") != 0)
         return helperMode(argc, argv) == 0 ? 0 : 2;
-    const int rounds = bench::rounds(argc, argv, 9);
+    const int rounds = bench::rounds(argc, argv, 5);
 
     bench::ScratchRoot root;
     prepare(root.dir);
-    const int counts[] = {0, 1, 2, 4, 8};
-    std::map<int, std::vector<RunResult>> lib, flo;
+    bench::redis::Server server(root.dir);
+    g_redisPort = server.port();
+    std::vector<Kind> kinds = {Kind::Full, Kind::Light, Kind::Floor};
+    if (server.running()) kinds.push_back(Kind::Redis);
+    const int counts[] = {0, 1, 8};
+    std::map<std::pair<Kind, int>, std::vector<RunResult>> res;
     for (int round = 0; round < rounds; ++round)
-        for (int k : counts) {
-            lib[k].push_back(runOnce(true, k, root.dir));
-            flo[k].push_back(runOnce(false, k, root.dir));
-        }
+        for (int k : counts)
+            for (Kind kind : kinds) res[{kind, k}].push_back(runOnce(kind, k, root.dir));
+    auto of = [&](Kind kind, int k) -> const std::vector<RunResult>& { return res[{kind, k}]; };
 
     std::vector<bench::Row> rows;
     for (int k : {0, 1, 8}) {
-        const std::string w = "notify/write, own watch thread, " + std::to_string(k) + " watching";
-        rows.push_back(summarise(w + ", p50", lib[k], flo[k], &RunResult::writeP50, 1.1));
-        rows.push_back(summarise(w + ", p99", lib[k], flo[k], &RunResult::writeP99, 1.3));
+        const std::string w = "notify/set by CM_init vs CM_initNoRegister, " + std::to_string(k) + " watching, ";
+        rows.push_back(summarise(w + "p50", of(Kind::Full, k), of(Kind::Light, k), &RunResult::writeP50, 1.1));
+        rows.push_back(summarise(w + "p99", of(Kind::Full, k), of(Kind::Light, k), &RunResult::writeP99, 1.3));
     }
-    for (int k : {1, 2, 4, 8}) {
-        const std::string t = "notify/told, " + std::to_string(k) + " watchers, ";
-        rows.push_back(summarise(t + "first", lib[k], flo[k], &RunResult::firstUs, 0));
-        rows.push_back(summarise(t + "last", lib[k], flo[k], &RunResult::lastUs, k == 1 || k == 8 ? 1.3 : 0));
+    rows.push_back(summarise("notify/told 1 watcher, CM_init vs CM_initNoRegister writer", of(Kind::Full, 1),
+                             of(Kind::Light, 1), &RunResult::firstUs, 1.2));
+    rows.push_back(summarise("notify/told last of 8, CM_init vs CM_initNoRegister writer", of(Kind::Full, 8),
+                             of(Kind::Light, 8), &RunResult::lastUs, 0));
+    for (int k : {1, 8})
+        rows.push_back(summarise("notify/told " + std::string(k == 1 ? "1 watcher" : "last of 8") + ", vs floor",
+                                 of(Kind::Full, k), of(Kind::Floor, k), &RunResult::lastUs, 0));
+    if (server.running()) {
+        rows.push_back(summarise("notify/told 1 watcher, vs Redis subscriber", of(Kind::Full, 1), of(Kind::Redis, 1),
+                                 &RunResult::firstUs, 1.0));
+        rows.push_back(summarise("notify/told last of 8, vs Redis last subscriber", of(Kind::Full, 8),
+                                 of(Kind::Redis, 8), &RunResult::lastUs, 1.0));
+    } else {
+        std::fprintf(stderr, "notify_bench: redis-server is not installed: the Redis peer is skipped\n");
+        rows.push_back({"notify/vs Redis: skipped, redis-server not installed", 0, 0, 0, 0});
     }
     for (int k : {1, 8})
-        rows.push_back(summarise("notify/watcher CPU per change, " + std::to_string(k) + " watching", lib[k], flo[k],
-                                 &RunResult::cpuPerChangeUs, k == 1 ? 1.1 : 0));
+        rows.push_back(summarise("notify/watcher CPU per change, " + std::to_string(k) + " watching, vs floor",
+                                 of(Kind::Full, k), of(Kind::Floor, k), &RunResult::cpuPerChangeUs, k == 8 ? 1.1 : 0));
     bench::report(rows, bench::wantJson(argc, argv));
     return 0;
 }
