@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <string>
 
 #include <configmanager/configmanager.h>
@@ -17,7 +18,11 @@ Options& options() {
 
 void applyGlobalOptions() {
     const Options& o = options();
-    if (CM_Host_SetRootDirectory(o.root.c_str()) != 0) throw UsageError("--root: path too long: " + o.root);
+    // The library takes only absolute roots; a relative one is taken from here.
+    const std::string root =
+        o.root.empty() || o.root[0] == '/' ? o.root : std::filesystem::absolute(o.root).lexically_normal().string();
+    if (CM_Host_SetRootDirectory(root.c_str()) != 0)
+        throw UsageError("--root: too long, or the device's own root in disguise: " + o.root);
     if (o.verbose > 0) {
         // The library's own messages, in their short form, on standard error.
         g_iConsoleLog = 1;
