@@ -36,7 +36,9 @@ bool checkWatchable(int i, const char* fn, bool forAdd) {
 
 }  // namespace
 
-int addInotifyWatch(int i) {
+int addInotifyWatch(int i) { return addInotifyWatch(i, nullptr); }
+
+int addInotifyWatch(int i, const struct stat* openFile) {
     if (!checkWatchable(i, "CM_AddInotifyWatch", true)) return -1;
     const int wd = inotify_add_watch(process::inotifyfd.load(), pathOf(i), kWatchMask);
     if (wd < 0) {
@@ -50,7 +52,7 @@ int addInotifyWatch(int i) {
     inotifywd[i] = wd;
     CM_LOG_TAGGED(log::kDebug, "CM_AddInotifyWatch, PID=%d. Added '%s' to inotify list. inotifywd[] is %d\n", getpid(),
                   pathOf(i), wd);
-    if (pathNamesAnotherFile(i)) markForRecheck(i);
+    if (openFile != nullptr ? pathNamesAnotherFile(i, *openFile) : pathNamesAnotherFile(i)) markForRecheck(i);
     return 0;
 }
 
@@ -72,12 +74,17 @@ int removeInotifyWatch(int i) {
     return rc;
 }
 
-bool pathNamesAnotherFile(int i) {
-    struct stat open{}, named{};
-    const int fd = fdRead[i];
-    if (fd < 0 || fstat(fd, &open) != 0) return false;
+bool pathNamesAnotherFile(int i, const struct stat& open) {
+    struct stat named{};
     if (open.st_nlink == 0 || stat(pathOf(i), &named) != 0) return true;
     return open.st_ino != named.st_ino || open.st_dev != named.st_dev;
+}
+
+bool pathNamesAnotherFile(int i) {
+    struct stat open{};
+    const int fd = fdRead[i];
+    if (fd < 0 || fstat(fd, &open) != 0) return false;
+    return pathNamesAnotherFile(i, open);
 }
 
 void markForRecheck(int i) { g_recheck[i] = true; }

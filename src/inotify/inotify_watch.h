@@ -1,6 +1,8 @@
 // Adding and removing the inotify watch of one data file.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 
 namespace cm::inotify {
@@ -15,12 +17,19 @@ inline constexpr uint32_t kWatchMask = 0xF02 | 0x004;
 // 0, or -1 (bad index, no descriptor, no inotify descriptor, already watched,
 // or the kernel refused).  The watch descriptor goes into inotifywd.
 int addInotifyWatch(int iFileIndex);
+// The same, for set-up, which has just looked at the open file (under its
+// lock): its identity is taken from `openFile` instead of being looked up
+// again.  A file unlinked or replaced since then is caught all the same:
+// its path then names another file, or none.
+int addInotifyWatch(int iFileIndex, const struct stat* openFile);
 // Removes the watch; inotifywd is -1 afterwards in every case.
 int removeInotifyWatch(int iFileIndex);
 
 // True when the open file is no longer the one its path names (unlinked,
 // or replaced by a rename).  False when the file is not open.
 bool pathNamesAnotherFile(int iFileIndex);
+// The same, against the open file's identity looked up before.
+bool pathNamesAnotherFile(int iFileIndex, const struct stat& openFile);
 
 // A file deleted or replaced between its (re-)creation and its new watch
 // sends no event to that watch.  addInotifyWatch looks at the path again

@@ -82,7 +82,9 @@ OpenResult openExisting(const char* path, int flags) {
         }
         return r;
     }
-    r.fault = checkDescriptor(fd);
+    struct stat st{};
+    r.fault = ::fstat(fd, &st) != 0 ? EntryFault::kNotRegular : judge(st);
+    r.size = st.st_size;
     if (r.refused()) {
         closeKeepingErrno(fd);
         return r;

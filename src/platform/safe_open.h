@@ -30,6 +30,7 @@ struct OpenResult {
     int fd = -1;                           // close-on-exec, or -1
     int err = 0;                           // errno when fd < 0 and no entry was refused
     EntryFault fault = EntryFault::kNone;  // set when an entry was found and refused
+    off_t size = 0;                        // openExisting: the length the check saw
     bool ok() const { return fd >= 0; }
     bool refused() const { return fault != EntryFault::kNone; }
 };

@@ -156,7 +156,8 @@ int initialiseDataStruct(int i, bool bInitPrev, bool bStartWatch) {
 
     struct stat st{};
     uint32_t fileLen = 0;
-    if (fstat(fdRead[i], &st) != 0)
+    const bool known = fstat(fdRead[i], &st) == 0;
+    if (!known)
         CM_LOG(log::kErr, fn, "PID=%d. Failed to fstat CM data file [%d] '%s': %m\n", getpid(), i, pathOf(i));
     else
         fileLen = static_cast<uint32_t>(st.st_size);
@@ -189,7 +190,7 @@ int initialiseDataStruct(int i, bool bInitPrev, bool bStartWatch) {
 
     if (result != kFileGood && process::isMaster()) repairFromDefaults(i, false, fn, true);
     if (bInitPrev) initialisePrevData(i);
-    if (bStartWatch) inotify::addInotifyWatch(i);
+    if (bStartWatch) inotify::addInotifyWatch(i, known ? &st : nullptr);
     return result;
 }
 

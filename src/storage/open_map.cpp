@@ -56,6 +56,7 @@ int openFile(int i) {
     // of it, once closed, would drop every fcntl lock the process holds on
     // it.  Its length is checked all the same.
     int fd = fdRead[i];
+    off_t checkedSize = -1;  // the length the safe open's check saw, when it opened
     if (fd < 0) {
         // The master creates the files; until it has, wait without limit,
         // complaining louder the longer it takes.
@@ -80,6 +81,7 @@ int openFile(int i) {
             waited += wait;
         }
         fd = r.fd;
+        checkedSize = r.size;
         fdRead[i] = fd;
     }
     CM_LOG(log::kDebug, fn, "CM data file [%d] '%s' opened\n", i, path);
@@ -87,7 +89,10 @@ int openFile(int i) {
     // A file the master has created but not yet filled is waited for too.
     struct stat st{};
     for (;;) {
-        if (fstat(fd, &st) != 0) {
+        if (checkedSize >= 0) {
+            st.st_size = checkedSize;
+            checkedSize = -1;
+        } else if (fstat(fd, &st) != 0) {
             const int err = errno;
             CM_LOG(log::kErr, fn, "PID=%d. Failed to fstat CM data file [%d] '%s': errno=%d '%s'\n", getpid(), i,
                    path, err, std::strerror(err));
