@@ -309,6 +309,10 @@ int main(int argc, char** argv) {
         rows.push_back(summarise(w + "p50", of(Kind::Full, k), of(Kind::Light, k), &RunResult::writeP50, 1.1));
         rows.push_back(summarise(w + "p99", of(Kind::Full, k), of(Kind::Light, k), &RunResult::writeP99, 1.3));
     }
+    // What one watching thread costs a set in the kernel alone (its events
+    // queued and the thread woken): the floor of the CM_init writer's excess.
+    rows.push_back(summarise("notify/set by CM_initNoRegister, 1 watching vs none, p50", of(Kind::Light, 1),
+                             of(Kind::Light, 0), &RunResult::writeP50, 0));
     rows.push_back(summarise("notify/told 1 watcher, CM_init vs CM_initNoRegister writer", of(Kind::Full, 1),
                              of(Kind::Light, 1), &RunResult::firstUs, 1.2));
     rows.push_back(summarise("notify/told last of 8, CM_init vs CM_initNoRegister writer", of(Kind::Full, 8),
