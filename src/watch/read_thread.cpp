@@ -29,7 +29,7 @@ namespace {
 
 constexpr auto kLogModule = log::Module::FileAccess;
 constexpr int kLockFileChecks = 100;
-constexpr int kOwnWriteYields = 100;
+constexpr int kOwnWriteYields = 10;
 
 using storage::kNumFiles;
 
