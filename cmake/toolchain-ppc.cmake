@@ -12,3 +12,8 @@ set(CMAKE_SYSTEM_PROCESSOR powerpc)
 set(CM_BE_TRIPLET powerpc-linux-gnu)
 set(CM_BE_QEMU_NAME qemu-ppc)
 include(${CMAKE_CURRENT_LIST_DIR}/cross-big-endian.cmake)
+
+# The static libcrypto does 64-bit atomic operations, which 32-bit PowerPC
+# gets from libatomic.
+set(CMAKE_C_STANDARD_LIBRARIES "-latomic")
+set(CMAKE_CXX_STANDARD_LIBRARIES "-latomic")
