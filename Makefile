@@ -3,6 +3,9 @@
 #   make test             build and run every test
 #   make test-be          cross-build for s390x (big-endian) into build-be/, run the
 #                         tests under qemu, compare data files with the native build
+#   make test-ppc         the same for 32-bit big-endian PowerPC (the device's ABI) in
+#                         build-ppc/; its OpenSSL and GoogleTest are built once from
+#                         Debian's sources into /var/cache/libconfigmanager-ppc
 #   make install PREFIX=  install library, headers and pkg-config file
 #   make install-check    install into a scratch prefix and build a C program against it
 #   make demo             the library at work, driven by cmctl, in a temporary device tree
@@ -21,11 +24,13 @@
 #                         (stops after SWEEP_BUDGET seconds, default 60)
 BUILD ?= build
 BUILD_BE ?= build-be
+BUILD_PPC ?= build-ppc
 PREFIX ?= /usr/local
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
 .PHONY: all build test test-be build-be be-sysroot compare-be install install-check clean demo deps
+.PHONY: test-ppc build-ppc ppc-sysroot compare-ppc
 .PHONY: test-asan test-tsan build-asan build-tsan stress sweep
 
 all: build
@@ -42,29 +47,42 @@ build: $(BUILD)/CMakeCache.txt
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
-# Big-endian leg: s390x cross build under $(BUILD_BE), tests run under
-# qemu-s390x.  OpenSSL and GoogleTest for s390x are unpacked from Debian's
-# packages into $(BUILD_BE)/sysroot.
-BE_SYSROOT := $(BUILD_BE)/sysroot
-
+# Big-endian legs, each a cross build with its tests run under qemu-user and
+# the sample writer's data files and backup text compared with the native
+# build's.  The leg fails unless `file` shows the library was built for the
+# leg's processor (byte_order_test checks the same from inside).
+#   be:  s390x (64-bit) in $(BUILD_BE); Debian's s390x OpenSSL and GoogleTest
+#        packages unpacked into $(BUILD_BE)/sysroot.
+#   ppc: 32-bit PowerPC, the device's own ABI, in $(BUILD_PPC); OpenSSL and
+#        GoogleTest built from Debian's sources into a cache directory that
+#        $(BUILD_PPC)/sysroot links to (see the script).
 be-sysroot:
-	tools/be/fetch-sysroot.sh $(BE_SYSROOT)
+	tools/be/fetch-sysroot.sh $(BUILD_BE)/sysroot
 
+ppc-sysroot:
+	JOBS=$(JOBS) tools/be/build-ppc-sysroot.sh $(BUILD_PPC)/sysroot
+
+# $(call cross_leg,NAME,BUILD_DIR,TOOLCHAIN,PATTERN OF `file` OUTPUT)
 # Configured on every run (cheap), so that an interrupted or failed first
 # configure never leaves a half-made build tree behind.
-build-be: be-sysroot
-	cmake -S . -B $(BUILD_BE) -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/toolchain-s390x.cmake \
-	  -DCM_BE_SYSROOT=$(abspath $(BE_SYSROOT)) $(CMAKE_FLAGS)
-	cmake --build $(BUILD_BE) -j $(JOBS)
+define cross_leg
+build-$(1): $(1)-sysroot
+	cmake -S . -B $(2) -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/toolchain-$(3).cmake \
+	  -DCM_BE_SYSROOT=$(abspath $(2)/sysroot) $(CMAKE_FLAGS)
+	cmake --build $(2) -j $(JOBS)
 
-# Then the sample writer of both builds must produce identical data files.
-test-be: build-be
-	cd $(BUILD_BE) && ctest --output-on-failure -j $(JOBS)
-	$(MAKE) compare-be
+test-$(1): build-$(1)
+	@kind=$$$$(file -L $(2)/libconfigmanager.so) && echo "$$$$kind" && echo "$$$$kind" | grep -q '$(4)' \
+	  || { echo "$(2)/libconfigmanager.so is not $(4)" >&2; exit 1; }
+	cd $(2) && ctest --output-on-failure -j $(JOBS)
+	$(MAKE) compare-$(1)
 
-compare-be: $(BUILD)/CMakeCache.txt build-be
+compare-$(1): $(BUILD)/CMakeCache.txt build-$(1)
 	cmake --build $(BUILD) -j $(JOBS) --target cm_write_sample
-	tools/be/compare-endianness.sh $(BUILD) $(BUILD_BE)
+	tools/be/compare-endianness.sh $(BUILD) $(2)
+endef
+$(eval $(call cross_leg,be,$(BUILD_BE),s390x,ELF 64-bit MSB.*S/390))
+$(eval $(call cross_leg,ppc,$(BUILD_PPC),ppc,ELF 32-bit MSB.*PowerPC))
 
 install: $(BUILD)/CMakeCache.txt
 	cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX)
@@ -138,7 +156,7 @@ sweep: build
 	$(BUILD)/tests/robustness/cm_sweep $(SWEEP_BUDGET)
 
 clean:
-	rm -rf $(BUILD) $(BUILD_BE) $(BUILD_ASAN) $(BUILD_TSAN) $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(BUILD_BE) $(BUILD_PPC) $(BUILD_ASAN) $(BUILD_TSAN) $(FUZZ_BUILD)
 
 # Benchmarks: every program built from benchmarks/ and every benchmarks/*.sh
 # script, printed as one table (figures against the floor or peer measured in

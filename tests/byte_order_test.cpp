@@ -1,15 +1,25 @@
-// The build runs with the byte order of its target processor: on the s390x
-// leg under qemu that is big-endian, so a passing suite there was not
-// silently run little-endian.  (The file layout itself is checked byte by
+// The build runs with the byte order and word size of its target processor:
+// on the s390x leg that is 64-bit big-endian, on the PowerPC leg 32-bit
+// big-endian like the gateway, so a passing suite there was not silently
+// run on the host's own code.  (The file layout itself is checked byte by
 // byte by the storage tests.)
 #include <gtest/gtest.h>
 
 #include <bit>
+#include <cstdint>
 
-TEST(ByteOrder, RunsWithTheTargetProcessorsByteOrder) {
+TEST(ByteOrder, RunsWithTheTargetProcessorsByteOrderAndWordSize) {
 #if !defined(CM_TEST_EXPECT_BIG_ENDIAN)
     GTEST_SKIP() << "byte order of this processor not listed in tests/CMakeLists.txt";
 #else
-    EXPECT_EQ(std::endian::native, CM_TEST_EXPECT_BIG_ENDIAN ? std::endian::big : std::endian::little);
+    const bool big = CM_TEST_EXPECT_BIG_ENDIAN;
+    EXPECT_EQ(std::endian::native, big ? std::endian::big : std::endian::little);
+    // The byte the running processor actually stores first.
+    volatile uint32_t word = 0x01020304;
+    EXPECT_EQ(reinterpret_cast<const volatile uint8_t*>(&word)[0], big ? 0x01 : 0x04);
+
+    EXPECT_EQ(sizeof(void*) * 8, unsigned{CM_TEST_EXPECT_WORD_BITS});
+    EXPECT_EQ(sizeof(long) * 8, unsigned{CM_TEST_EXPECT_WORD_BITS});
+    EXPECT_EQ(sizeof(size_t) * 8, unsigned{CM_TEST_EXPECT_WORD_BITS});
 #endif
 }

@@ -36,6 +36,18 @@ BIG_ENDIAN=(
     qemu-user
     ca-certificates
     dpkg-dev
+    file
+)
+
+# 32-bit PowerPC test leg (make test-ppc): cross compiler and C library;
+# qemu-user and dpkg-dev (apt-get source) as above, perl for OpenSSL's
+# build, GoogleTest's sources from libgtest-dev.
+PPC=(
+    g++-powerpc-linux-gnu
+    libc6-dev-powerpc-cross
+    qemu-user
+    dpkg-dev
+    perl
 )
 
 # Fuzzing (make fuzz): clang with libFuzzer and the sanitizer runtimes.
@@ -60,9 +72,9 @@ install() {
 }
 
 case "${1:-}" in
-    "") install "${NATIVE[@]}" "${BIG_ENDIAN[@]}" "${FUZZ[@]}" ;;
+    "") install "${NATIVE[@]}" "${BIG_ENDIAN[@]}" "${PPC[@]}" "${FUZZ[@]}" ;;
     --native) install "${NATIVE[@]}" ;;
-    --list) printf '%s\n' "${NATIVE[@]}" "${BIG_ENDIAN[@]}" "${FUZZ[@]}" ;;
+    --list) printf '%s\n' "${NATIVE[@]}" "${BIG_ENDIAN[@]}" "${PPC[@]}" "${FUZZ[@]}" | awk '!seen[$0]++' ;;
     --check)
         # Only Debian-like systems can be checked; elsewhere CMake reports.
         command -v dpkg-query >/dev/null || exit 0

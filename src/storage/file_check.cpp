@@ -28,7 +28,9 @@ bool readFile(const char* path, uint32_t limit, std::vector<uint8_t>& out, uint3
     struct stat st{};
     bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
     if (ok) {
-        length = st.st_size > 0xFFFFFFFFll ? 0xFFFFFFFFu : static_cast<uint32_t>(st.st_size);
+        // off_t is 32 bits wide on the device, 64 on hosts.
+        const auto size = static_cast<uint64_t>(st.st_size);
+        length = size > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<uint32_t>(size);
         out.resize(std::min(length, limit));
         size_t got = 0;
         while (got < out.size()) {

@@ -94,14 +94,14 @@ std::string get(int id) {
 
 std::string run(std::istringstream& cmd, const std::string& verb) {
     if (const auto extra = extraVerbs().find(verb); extra != extraVerbs().end()) return extra->second(cmd);
-    long a = 0, b = 0;
+    long long a = 0, b = 0;  // 32-bit values beyond INT32_MAX do not fit a 32-bit long
     cmd >> a;
     if (verb == "init") return std::to_string(CM_init(static_cast<int>(a)));
     if (verb == "reg") return std::to_string(CM_Register_Interest(static_cast<int32_t>(a), reportCallback));
     if (verb == "regrange") {
         cmd >> b;
         int rc = 0;
-        for (long id = a; id <= b; ++id) rc |= CM_Register_Interest(static_cast<int32_t>(id), reportCallback);
+        for (long long id = a; id <= b; ++id) rc |= CM_Register_Interest(static_cast<int32_t>(id), reportCallback);
         return std::to_string(rc);
     }
     if (verb == "put") {
@@ -109,10 +109,10 @@ std::string run(std::istringstream& cmd, const std::string& verb) {
         return std::to_string(put(static_cast<int>(a), static_cast<unsigned long>(b)));
     }
     if (verb == "putseq") {
-        long to = 0;
+        long long to = 0;
         cmd >> b >> to;
         int bad = 0;
-        for (long v = b; v <= to; ++v) bad += put(static_cast<int>(a), static_cast<unsigned long>(v)) != 1;
+        for (long long v = b; v <= to; ++v) bad += put(static_cast<int>(a), static_cast<unsigned long>(v)) != 1;
         return std::to_string(bad);
     }
     if (verb == "get") return get(static_cast<int>(a));

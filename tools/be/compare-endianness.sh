@@ -1,33 +1,35 @@
 #!/usr/bin/env bash
-# Shows that the data files are independent of the host's byte order: runs
-# the sample writer of the native (little-endian) build and of the s390x
-# (big-endian) build under qemu, each into a fresh root, and compares their
-# output, every data file and the backup text byte for byte.
+# Shows that the data files are independent of the host's byte order and
+# word size: runs the sample writer of the native build and of a big-endian
+# cross build (s390x or 32-bit PowerPC) under qemu, each into a fresh root,
+# and compares their output, every data file and the backup text byte for
+# byte.
 #
-#   tools/be/compare-endianness.sh NATIVE_BUILD_DIR BE_BUILD_DIR
+#   tools/be/compare-endianness.sh NATIVE_BUILD_DIR CROSS_BUILD_DIR
 #
-# Both build directories must hold tests/cm_write_sample; the s390x
-# libraries are taken from BE_BUILD_DIR/sysroot (tools/be/fetch-sysroot.sh).
+# Both build directories must hold tests/cm_write_sample; the cross build's
+# emulator command (qemu and its options, the same ctest uses) is read from
+# CROSS_BUILD_DIR/emulator.args.
 set -euo pipefail
 
 if [[ $# -ne 2 ]]; then
-    echo "usage: $0 NATIVE_BUILD_DIR BE_BUILD_DIR" >&2
+    echo "usage: $0 NATIVE_BUILD_DIR CROSS_BUILD_DIR" >&2
     exit 2
 fi
 NATIVE_BIN=$1/tests/cm_write_sample
 BE_BIN=$2/tests/cm_write_sample
-BE_LIBDIR=$(cd "$2" && pwd)/sysroot/usr/lib/s390x-linux-gnu
 for f in "$NATIVE_BIN" "$BE_BIN"; do
     [[ -x $f ]] || { echo "compare-endianness: $f not built" >&2; exit 2; }
 done
+[[ -s $2/emulator.args ]] || { echo "compare-endianness: $2 is not a cross build (no emulator.args)" >&2; exit 2; }
+mapfile -t EMULATOR <"$2/emulator.args"
 
 WORK=$(mktemp -d "${TMPDIR:-/tmp}/cm-endian.XXXXXX")
 trap 'rm -rf "$WORK"' EXIT
 mkdir "$WORK/le" "$WORK/be"
 
 "$NATIVE_BIN" "$WORK/le" >"$WORK/le.out"
-qemu-s390x -L /usr/s390x-linux-gnu -E LD_LIBRARY_PATH="$BE_LIBDIR" \
-    "$BE_BIN" "$WORK/be" >"$WORK/be.out"
+"${EMULATOR[@]}" "$BE_BIN" "$WORK/be" >"$WORK/be.out"
 
 status=0
 if ! cmp -s "$WORK/le.out" "$WORK/be.out"; then
@@ -66,6 +68,6 @@ if ! diff -rq "$WORK/le" "$WORK/be" >&2; then
 fi
 
 if [[ $status -eq 0 ]]; then
-    echo "compare-endianness: ${#files[@]} data files and ${#backups[@]} backup text identical ($(head -n1 "$WORK/le.out"))"
+    echo "compare-endianness: ${#files[@]} data files and ${#backups[@]} backup text identical with $2 ($(head -n1 "$WORK/le.out"))"
 fi
 exit $status

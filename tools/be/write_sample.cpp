@@ -5,9 +5,10 @@
 // configuration (volatile and octet data included) is written to
 // ROOT/backup.txt: it must be identical on every host as well.
 //
-// tools/be/compare-endianness.sh runs the native build and the s390x build of
-// this program and compares the results byte for byte: the files are defined
-// to be big-endian on every host, so they must be identical.  The program
+// tools/be/compare-endianness.sh runs the native build and a big-endian cross
+// build (s390x, 32-bit PowerPC) of this program and compares the results byte
+// for byte: the files are defined to be big-endian on every host, so they
+// must be identical.  The program
 // also reads every number back and fails when it does not return what was
 // put, and prints a summary that must match between the two builds as well.
 //
