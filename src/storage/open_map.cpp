@@ -12,6 +12,7 @@
 
 #include "log/log.h"
 #include "platform/env.h"
+#include "process/state.h"
 #include "storage/file_state.h"
 #include "storage/map_guard.h"
 
@@ -63,9 +64,11 @@ int openFile(int i) {
     // complaining louder the longer it takes.
     int fd;
     unsigned waited = 0;
-    while ((fd = openRetrying(path, O_RDWR)) < 0) {
+    const bool readOnly = process::readOnly();
+    while ((fd = openRetrying(path, readOnly ? O_RDONLY : O_RDWR)) < 0) {
         const int err = errno;
-        if (err != ENOENT) {
+        // A read-only start waits for no master: a missing file is reported.
+        if (err != ENOENT || readOnly) {
             CM_LOG(log::kErr, fn, "PID=%d. CM data file [%d] '%s' cannot be opened for reading, errno=%d '%s'\n",
                    getpid(), i, path, err, std::strerror(err));
             return -1;
@@ -89,7 +92,7 @@ int openFile(int i) {
                    path, err, std::strerror(err));
             return -1;
         }
-        if (st.st_size != 0) break;
+        if (st.st_size != 0 || readOnly) break;
         CM_LOG_TAGGED(log::kWarn,
                       "CM_OpenFile, PID=%d. File '%s' opened but has zero length - wait 1 sec for someone to fill it "
                       "then retry\n",
