@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "log/log.h"
+#include "platform/safe_open.h"
 #include "storage/file_state.h"
 
 namespace cm::setup {
@@ -38,14 +39,16 @@ bool writeAll(int fd, const std::vector<char>& in) {
     return true;
 }
 
-// A new file of our own (never an existing one, never through a link),
-// written in full and synced.
+// A new file of our own (whatever entry was there is removed, nothing is
+// followed), written in full and synced.
 bool writeNewFile(const std::string& path, const std::vector<char>& bytes) {
-    unlink(path.c_str());
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) return false;
-    const bool ok = writeAll(fd, bytes) && fsync(fd) == 0;
-    if (close(fd) != 0 || !ok) {
+    const platform::OpenResult r = platform::replaceWithNew(path.c_str(), O_WRONLY, 0600);
+    if (!r.ok()) {
+        errno = r.err;
+        return false;
+    }
+    const bool ok = writeAll(r.fd, bytes) && fsync(r.fd) == 0;
+    if (close(r.fd) != 0 || !ok) {
         unlink(path.c_str());
         return false;
     }

@@ -12,6 +12,7 @@
 
 #include "log/log.h"
 #include "platform/env.h"
+#include "platform/safe_open.h"
 #include "process/state.h"
 #include "storage/file_state.h"
 #include "storage/map_guard.h"
@@ -32,15 +33,12 @@ void prepareOpen(int i) {
     dwLenActualFile[i] = 0;
 }
 
-// open(2), repeated at once while interrupted.  O_CLOEXEC makes the
-// descriptor close-on-exec atomically, so a fork+exec in another thread
-// can never inherit it.
-int openRetrying(const char* path, int flags, mode_t mode = 0) {
-    int fd;
-    do {
-        fd = open(path, flags | O_CLOEXEC, mode);
-    } while (fd < 0 && errno == EINTR);
-    return fd;
+// Logs why an entry at a data file's path was refused.  The master removes
+// it and creates the file afresh; any other process leaves it alone and
+// treats the file as damaged, so that nothing is ever written through it.
+void logRefused(const char* fn, int i, const char* path, platform::EntryFault fault, bool removing) {
+    CM_LOG(log::kErr, fn, "PID=%d. CM data file [%d] '%s' %s - %s\n", getpid(), i, path, platform::faultText(fault),
+           removing ? "removed it, to create it afresh" : "not used, treated as damaged");
 }
 
 // Seconds to wait for a missing file, given the seconds waited so far.
@@ -54,33 +52,37 @@ int openFile(int i) {
     prepareOpen(i);
     const char* path = pathOf(i);
     // A file that is open already keeps its descriptor: a second descriptor
-    // of it, once closed, would drop every fcntl lock the process holds on it.
-    if (fdRead[i] >= 0) {
-        CM_LOG(log::kDebug, fn, "CM data file [%d] '%s' opened\n", i, path);
-        return 0;
-    }
-
-    // The master creates the files; until it has, wait without limit,
-    // complaining louder the longer it takes.
-    int fd;
-    unsigned waited = 0;
+    // of it, once closed, would drop every fcntl lock the process holds on
+    // it.  Its length is checked all the same.
+    int fd = fdRead[i];
     const bool readOnly = process::readOnly();
-    while ((fd = openRetrying(path, readOnly ? O_RDONLY : O_RDWR)) < 0) {
-        const int err = errno;
-        // A read-only start waits for no master: a missing file is reported.
-        if (err != ENOENT || readOnly) {
-            CM_LOG(log::kErr, fn, "PID=%d. CM data file [%d] '%s' cannot be opened for reading, errno=%d '%s'\n",
-                   getpid(), i, path, err, std::strerror(err));
-            return -1;
+    if (fd < 0) {
+        // The master creates the files; until it has, wait without limit,
+        // complaining louder the longer it takes.
+        unsigned waited = 0;
+        platform::OpenResult r;
+        while (!(r = platform::openExisting(path, readOnly ? O_RDONLY : O_RDWR)).ok()) {
+            if (r.refused()) {
+                logRefused(fn, i, path, r.fault, false);
+                bBadFile[i] = 1;
+                return -1;
+            }
+            // A read-only start waits for no master: a missing file is reported.
+            if (r.err != ENOENT || readOnly) {
+                CM_LOG(log::kErr, fn, "PID=%d. CM data file [%d] '%s' cannot be opened for reading, errno=%d '%s'\n",
+                       getpid(), i, path, r.err, std::strerror(r.err));
+                return -1;
+            }
+            const unsigned wait = nextWait(waited);
+            const uint32_t level = waited < 5 ? log::kInfo : waited < 10 ? log::kWarn : log::kErr;
+            CM_LOG(level, fn, "PID=%d. '%s' does not exist after %u secs - wait %u secs then retry\n", getpid(), path,
+                   waited, wait);
+            platform::sleepSeconds(wait);
+            waited += wait;
         }
-        const unsigned wait = nextWait(waited);
-        const uint32_t level = waited < 5 ? log::kInfo : waited < 10 ? log::kWarn : log::kErr;
-        CM_LOG(level, fn, "PID=%d. '%s' does not exist after %u secs - wait %u secs then retry\n", getpid(), path,
-               waited, wait);
-        platform::sleepSeconds(wait);
-        waited += wait;
+        fd = r.fd;
+        fdRead[i] = fd;
     }
-    fdRead[i] = fd;
     CM_LOG(log::kDebug, fn, "CM data file [%d] '%s' opened\n", i, path);
 
     // A file the master has created but not yet filled is waited for too.
@@ -114,33 +116,45 @@ int openOrCreateFile(int i) {
         return 0;
     }
 
-    int fd = openRetrying(path, O_RDWR);
-    if (fd >= 0) {
-        fdRead[i] = fd;
+    platform::OpenResult r = platform::openExisting(path, O_RDWR);
+    if (r.ok()) {
+        fdRead[i] = r.fd;
         CM_LOG_TAGGED(log::kInfo, "CM_OpenOrCreateFile, CM data file [%d] '%s' opened\n", i, path);
         return 0;
     }
-    int err = errno;
-    if (err != ENOENT) {
+    if (r.refused()) {
+        const bool master = process::isMaster();
+        logRefused(fn, i, path, r.fault, master);
+        if (!master) {
+            bBadFile[i] = 1;
+            return -1;
+        }
+        if (!platform::removeEntry(path)) {
+            const int err = errno;
+            CM_LOG(log::kErr, fn, "PID=%d. open failed for CM data file [%d] '%s', errno=%d '%s'\n", getpid(), i,
+                   path, err, std::strerror(err));
+            return -1;
+        }
+    } else if (r.err != ENOENT) {
         CM_LOG(log::kErr, fn, "PID=%d. CM data file [%d] '%s' cannot be opened for reading, errno=%d '%s'\n",
-               getpid(), i, path, err, std::strerror(err));
+               getpid(), i, path, r.err, std::strerror(r.err));
         return -1;
-    }
-    // The volatile file is lost at every restart, so its absence is normal.
-    if (i != 0)
-        CM_LOG_TAGGED(log::kWarn, "CM_OpenOrCreateFile, PID=%d. CM data file '%s' does not exist - attempting to create it\n",
+    } else if (i != 0) {
+        // The volatile file is lost at every restart, so its absence is normal.
+        CM_LOG_TAGGED(log::kWarn,
+                      "CM_OpenOrCreateFile, PID=%d. CM data file '%s' does not exist - attempting to create it\n",
                       getpid(), path);
-    fd = openRetrying(path, O_RDWR | O_CREAT | O_EXCL, kFileMode);
-    if (fd < 0) {
-        err = errno;
+    }
+    // Created exclusively, with the mode set explicitly: every process reads
+    // the file, whatever umask the creating process runs with.  An entry
+    // that appears in between fails the create rather than being used.
+    r = platform::createExclusive(path, O_RDWR, kFileMode);
+    if (!r.ok()) {
         CM_LOG(log::kErr, fn, "PID=%d. open failed for CM data file [%d] '%s', errno=%d '%s'\n", getpid(), i, path,
-               err, std::strerror(err));
+               r.err, std::strerror(r.err));
         return -1;
     }
-    // The mode is set explicitly: every process reads the file, whatever
-    // umask the creating process runs with.  Failure leaves the umask's mode.
-    (void)fchmod(fd, kFileMode);
-    fdRead[i] = fd;
+    fdRead[i] = r.fd;
     CM_LOG_TAGGED(log::kInfo, "CM_OpenOrCreateFile, CM data file [%d] '%s' created\n", i, path);
     return 1;
 }
