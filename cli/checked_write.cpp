@@ -43,10 +43,13 @@ void requireNoDownload() {
 
 void writeValue(const VarInfo& v, const std::string& text, const ValueBuffer& value, bool force) {
     int rc;
-    if (isStoredPassword(v, text))
-        rc = CM_PutDataItemFromString(v.id, text.c_str());  // the enciphered record, unchanged
-    else
+    if (isStoredPassword(v, text)) {
+        // The enciphered record, unchanged: 1 written, 0 unchanged, -1 failed.
+        rc = CM_PutDataItemFromString(v.id, text.c_str());
+        rc = rc < 0 ? rc : 0;
+    } else {
         rc = force ? CM_Set_Variable_CMI(v.id, value.data(), 0) : CM_Set_Variable(v.id, value.data());
+    }
     if (rc != 0) throw Failure(v.name + ": the write failed (result " + std::to_string(rc) + ")");
 }
 

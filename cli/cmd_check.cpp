@@ -116,7 +116,7 @@ bool reportOutOfBounds(const std::vector<FileReport>& reports, Json* jsonOut) {
         ValueBuffer b;
         if (CM_Get_Variable(v.id, b.data()) != 0) continue;
         const uint32_t n = std::stoul(formatValue(v, b));
-        if (n >= v.min && n <= v.max) continue;
+        if ((n >= v.min && n <= v.max) || formatValue(v, readDefault(v)) == std::to_string(n)) continue;
         none = false;
         if (jsonOut != nullptr)
             jsonOut->push_back({{"name", v.name}, {"value", n}, {"min", v.min}, {"max", v.max}});

@@ -8,6 +8,8 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <cerrno>
+#include <cstring>
 #include <string>
 
 #include <configmanager/configmanager.h>
@@ -51,6 +53,8 @@ void requireDataFiles(bool every = true) {
             if (every) break;
         } else if (!every) {
             return;
+        } else if (access(f.szPath, R_OK | W_OK) != 0) {
+            throw Failure(std::string("no write access to '") + f.szPath + "': " + std::strerror(errno));
         }
     }
     if (!missing.empty())

@@ -49,6 +49,12 @@ std::string addressText(const ValueBuffer& b) {
     return text;
 }
 
+uint32_t defaultNumber(const VarInfo& v) {
+    ValueBuffer b;
+    CM_GetDataItemDefaultValue(v.id, b.data());
+    return numberOf(v, b);
+}
+
 [[noreturn]] void refuse(const VarInfo& v, const std::string& why) { throw Failure(v.name + ": " + why); }
 
 uint32_t parseNumber(const VarInfo& v, const std::string& text) {
@@ -61,7 +67,9 @@ uint32_t parseNumber(const VarInfo& v, const std::string& text) {
     const unsigned long long n = std::strtoull(s, &end, text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0 ? 16 : 10);
     if (*end != '\0') refuse(v, "not a number: '" + text + "'");
     if (errno == ERANGE || n > typeMax[v.type]) refuse(v, text + " does not fit in a " + typeName(v.type));
-    if (n < v.min || n > v.max)
+    // The catalogue gives some variables a default outside their bounds;
+    // that value is always accepted, so that every default can be written.
+    if ((n < v.min || n > v.max) && n != defaultNumber(v))
         refuse(v, text + " is out of range " + std::to_string(v.min) + ".." + std::to_string(v.max));
     return static_cast<uint32_t>(n);
 }

@@ -135,6 +135,12 @@ class CheckedWrites(Tree):
         err = self.fails(1, "set", "UNIT_NAME=x", *args)
         for n, (name, _, message) in enumerate(self.REFUSED):
             self.assertIn("argument:%d: %s" % (n + 2, name), err)
+        malformed = [('UNIT_NAME = "no end', "no closing quote"), ('UNIT_NAME = "\\q"', "unknown escape \\q"),
+                     ("just words", "not NAME = value"), ('UNIT_NAME = "a" b', "text after the closing quote")]
+        path = self.write("malformed.txt", "UNIT_NAME = ok\n" + "\n".join(line for line, _ in malformed) + "\n")
+        err = self.fails(1, "import", path)
+        for n, (_, message) in enumerate(malformed):
+            self.assertIn("%s:%d: %s" % (path, n + 2, message), err)
         self.assertEqual(self.snapshot(), before)
 
     def test_multi_set_reset_dry_run_and_filter(self):
@@ -224,7 +230,7 @@ class Unprivileged(Tree):
             with self.subTest(verb=verb):
                 self.ok(*verb, user="nobody")
         self.assertEqual(self.ok("get", "UNIT_NAME", user="nobody"), "readable\n")
-        self.assertIn("UNIT_NAME: the write failed", self.fails(1, "set", "UNIT_NAME=x", user="nobody"))
+        self.assertIn("no write access", self.fails(1, "set", "UNIT_NAME=x", user="nobody"))
         os.unlink(self.path(NETWORK))
         self.assertIn("CMF_NetworkData is missing", self.fails(1, "get", "MTU_VALUE", user="nobody"))
         self.assertEqual(self.ok("get", "UNIT_NAME", user="nobody"), "readable\n")
