@@ -5,11 +5,12 @@
 #include <unistd.h>
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
-#include <cerrno>
-#include <cstring>
 #include <string>
 
 #include <configmanager/configmanager.h>
@@ -25,7 +26,11 @@ Options& options() {
 
 void applyGlobalOptions() {
     const Options& o = options();
-    if (CM_Host_SetRootDirectory(o.root.c_str()) != 0) throw UsageError("--root: path too long: " + o.root);
+    // The library takes only absolute roots; a relative one is taken from here.
+    const std::string root =
+        o.root.empty() || o.root[0] == '/' ? o.root : std::filesystem::absolute(o.root).lexically_normal().string();
+    if (CM_Host_SetRootDirectory(root.c_str()) != 0)
+        throw UsageError("--root: too long, or the device's own root in disguise: " + o.root);
     if (o.verbose > 0) {
         // The library's own messages, in their short form, on standard error.
         g_iConsoleLog = 1;

@@ -12,8 +12,9 @@ CM_EXTERN_C_BEGIN
 
 /* Sets the directory under which every fixed path of the library resolves
  * (data files, lock and marker files, tag cache).  The default is "/".
- * Call before the library is started.  0, or -1 when the library is running
- * or the path is too long. */
+ * Call before the library is started.  0, or -1 when the library is running,
+ * the path is too long, relative, or names the device's own "/" in another
+ * way than "/" or "" (such as "/tmp/.."). */
 CM_EXPORT int CM_Host_SetRootDirectory(const char* szRoot);
 
 /* The current root directory. */

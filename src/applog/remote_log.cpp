@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "configmanager/applog_settings.h"
 #include "configmanager/cm_vars.h"
 #include "getset/getset.h"
 #include "log/log.h"
@@ -125,3 +126,5 @@ void setNextSeqNo(uint32_t seq) {
 }
 
 }  // namespace cm::applog
+
+extern "C" CM_EXPORT int RemoteLogChanged(int32_t id) { return cm::applog::remoteLogChanged(id); }

@@ -4,6 +4,7 @@
 
 #include "applog/remote_log.h"
 #include "configmanager/applog.h"
+#include "configmanager/applog_settings.h"
 #include "configmanager/cm_vars.h"
 #include "getset/getset.h"
 #include "log/log.h"
@@ -55,21 +56,21 @@ int applogInit(int32_t logModeId, int32_t logFilterId) {
         CM_LOG_TAGGED(kInitError, "**ERROR: Applog_init() called again\n");
         return -1;
     }
-    if (notify::registerInterest(CONSOLE_LOG, fnActionConsoleLog) != 0)
+    if (notify::registerInterest(CONSOLE_LOG, ::fnActionConsoleLog) != 0)
         CM_LOG_TAGGED(kInitError, "**ERROR: PID %d failed to register CONSOLE_LOG - carry on, but will not see changes\n",
                       getpid());
 
     // Once one registration has failed, every later one is reported too:
     // the messages follow the running count, not each single result.
-    int count = notify::registerInterest(logModeId, logModeChanged);
+    int count = notify::registerInterest(logModeId, ::LogModeChanged);
     if (count != 0) CM_LOG(kInitError, fn, "CM_Register_Interest failed for VarId of %d\n", logModeId);
-    if (notify::registerInterest(logFilterId, logFilterChanged) != 0) ++count;
+    if (notify::registerInterest(logFilterId, ::LogFilterChanged) != 0) ++count;
     if (count != 0) CM_LOG(kInitError, fn, "CM_Register_Interest failed for VarId of %d\n", logFilterId);
     for (const auto& r : kIdentity) {
-        if (notify::registerInterest(r.id, remoteLogChanged) != 0) ++count;
+        if (notify::registerInterest(r.id, ::RemoteLogChanged) != 0) ++count;
         if (count != 0) CM_LOG(kInitError, fn, "%s", r.szMessage);
     }
-    if (notify::registerInterest(MAC1_ADDRESS, remoteLogChanged) != 0) ++count;
+    if (notify::registerInterest(MAC1_ADDRESS, ::RemoteLogChanged) != 0) ++count;
     if (count == 0)
         CM_LOG(kInitInfo, fn, "AppLog LogMode Id is %d and LogFilter is %d\n", logModeId, logFilterId);
     else
@@ -135,3 +136,12 @@ int fnActionConsoleLog(int32_t varId) {
 }
 
 }  // namespace cm::applog
+
+// The exported callbacks are the very functions Applog_init registers, so a
+// process that registered one of them itself is told of each change once,
+// and Applog_init reports the repeated registration.
+extern "C" {
+CM_EXPORT int fnActionConsoleLog(int32_t id) { return cm::applog::fnActionConsoleLog(id); }
+CM_EXPORT int LogModeChanged(int32_t id) { return cm::applog::logModeChanged(id); }
+CM_EXPORT int LogFilterChanged(int32_t id) { return cm::applog::logFilterChanged(id); }
+}

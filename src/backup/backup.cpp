@@ -1,5 +1,6 @@
 #include "backup/backup.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,6 +12,7 @@
 #include "configmanager/cm_vars.h"
 #include "log/log.h"
 #include "log/syslog_direct.h"
+#include "platform/safe_open.h"
 #include "tags/software_version.h"
 
 namespace cm::backup {
@@ -23,12 +25,24 @@ const char* versionWord(const char* v) {
     return v[0] == '\0' || std::strpbrk(v, " \t\n\r") != nullptr ? "0.000.0.0" : v;
 }
 
+// The backup holds enciphered passwords and clear-text secrets: it is made
+// readable by its owner only, whatever the umask, and created exclusively,
+// so an entry that reappears at the path after the deletion (a link planted
+// by another user) fails the backup instead of being written through.
+FILE* createPrivate(const char* path) {
+    const platform::OpenResult r = platform::createExclusive(path, O_WRONLY, 0600);
+    if (!r.ok()) return nullptr;
+    FILE* fp = fdopen(r.fd, "w");
+    if (fp == nullptr) close(r.fd);
+    return fp;
+}
+
 }  // namespace
 
 int backupConfig(const char* path, bool includeVolatile, bool includeOctetData) {
     if (path == nullptr) return -1;
     std::remove(path);
-    FILE* fp = std::fopen(path, "w");
+    FILE* fp = createPrivate(path);
     if (fp == nullptr) {
         log::syslogDirect(3, "Unable to open %s for Writing\n", path);
         return -1;

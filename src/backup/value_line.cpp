@@ -70,6 +70,19 @@ void addressText(char (&value)[kAddrValueSize], const char* tag, const uint8_t* 
     }
 }
 
+// A stored text is one line of the backup: each line feed or carriage
+// return in it is written as a blank, so that no text can add a line that a
+// restore would read as another variable.
+void blankLineBreaks(const char* tag, char* text) {
+    bool changed = false;
+    for (char* p = text; (p = std::strpbrk(p, "\r\n")) != nullptr; ++p) {
+        *p = ' ';
+        changed = true;
+    }
+    if (changed)
+        CM_LOG_TAGGED(log::kWarn, "CM_BackupConfig_common: CM var %s holds line breaks, written as blanks\n", tag);
+}
+
 }  // namespace
 
 void writeValueLine(FILE* fp, int i, int rel, bool includeOctetData) {
@@ -106,7 +119,8 @@ void writeValueLine(FILE* fp, int i, int rel, bool includeOctetData) {
         break;
     }
     case DT_STRING: {
-        const char* text = reinterpret_cast<const char*>(v);
+        char* text = reinterpret_cast<char*>(v);
+        blankLineBreaks(tag, text);
         std::fprintf(fp, "%s : %s\n", tag, text[0] ? text : "NULL");
         break;
     }

@@ -2,6 +2,7 @@
 // per-batch queues.
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -25,16 +26,29 @@ constexpr mqd_t kNoQueue = static_cast<mqd_t>(-1);
 // Read and then incremented for every batch; wraps from 255 to 0.
 std::atomic<uint8_t> s_oBatchUnique{0};
 
+// A queue that another user owns, or that others may write to, could have
+// been made by anyone to catch what is sent on it: it counts as one that
+// cannot be opened (errno EACCES).
+bool trustedQueue(mqd_t q) {
+    struct stat st{};
+    if (fstat(static_cast<int>(q), &st) != 0) return false;
+    return (st.st_uid == geteuid() || st.st_uid == 0) && (st.st_mode & S_IWOTH) == 0;
+}
+
 // Opens a queue for writing.  The CMSIF process may not be up yet, or may
 // not have created the batch queues yet: while the queue is missing (or the
 // open is interrupted) wait a second and try again, for as long as it takes.
+// Queue descriptors are close-on-exec from birth (the kernel makes them so;
+// the flag is asked for all the same).
 mqd_t openForWriting(const std::string& deviceName) {
     const std::string name = platform::queueName(deviceName);
     for (;;) {
-        const mqd_t q = mq_open(name.c_str(), O_WRONLY);
+        const mqd_t q = mq_open(name.c_str(), O_WRONLY | O_CLOEXEC);
         if (q != kNoQueue) {
-            fcntl(static_cast<int>(q), F_SETFD, FD_CLOEXEC);
-            return q;
+            if (trustedQueue(q)) return q;
+            mq_close(q);
+            errno = EACCES;
+            return kNoQueue;
         }
         if (errno != EINTR && errno != ENOENT) return kNoQueue;
         platform::sleepSeconds(1);

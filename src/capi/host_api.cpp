@@ -4,12 +4,28 @@
 #include "platform/paths.h"
 #include "process/state.h"
 
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 
 extern "C" {
 
+namespace {
+
+// A root other than the device's own must be absolute and must not be the
+// device's "/" in disguise ("/tmp/..", "//"): a tool meant to work on a copy
+// of the tree would otherwise change the device's real files.
+bool acceptableRoot(const char* szRoot) {
+    if (szRoot[0] == '\0' || std::strcmp(szRoot, "/") == 0) return true;
+    if (szRoot[0] != '/') return false;
+    char resolved[PATH_MAX];
+    return realpath(szRoot, resolved) == nullptr || std::strcmp(resolved, "/") != 0;
+}
+
+}  // namespace
+
 CM_EXPORT int CM_Host_SetRootDirectory(const char* szRoot) {
-    if (szRoot == nullptr || cm::process::started()) return -1;
+    if (szRoot == nullptr || cm::process::started() || !acceptableRoot(szRoot)) return -1;
     return cm::paths::setRoot(szRoot) ? 0 : -1;
 }
 

@@ -73,15 +73,26 @@ CM_EXPORT int CM_GetCMvarBounds(int32_t iVarID_Abs, uint8_t* pucType, uint32_t* 
     return 0;
 }
 
+namespace {
+// The queries by file index and relative ID answer "no" for a pair that
+// names no variable, rather than read outside the catalogue.
+bool inCatalogue(int32_t i, int32_t rel) {
+    return i >= 0 && i < catalogue::kNumFiles && rel >= 0 && rel < catalogue::sConfigItemList[i].iNumItems;
+}
+}  // namespace
+
 CM_EXPORT int CM_GetTellCMSInternal(int32_t iFileIndex, int32_t iVarID_Rel) {
+    if (!inCatalogue(iFileIndex, iVarID_Rel)) return 0;
     return catalogue::entry(iFileIndex, iVarID_Rel).reportable() ? 1 : 0;
 }
 
 CM_EXPORT int CM_ItemoDataTypeIsDT_IPADDR(int32_t iFileIndex, int32_t iVarID_Rel) {
+    if (!inCatalogue(iFileIndex, iVarID_Rel)) return 0;
     return catalogue::entry(iFileIndex, iVarID_Rel).ucDataType == DT_IPADDR ? 1 : 0;
 }
 
 CM_EXPORT int CM_ItemoDataTypeIsDT_PASSWORD(int32_t iFileIndex, int32_t iVarID_Rel) {
+    if (!inCatalogue(iFileIndex, iVarID_Rel)) return 0;
     return catalogue::entry(iFileIndex, iVarID_Rel).ucDataType == DT_PASSWORD ? 1 : 0;
 }
 

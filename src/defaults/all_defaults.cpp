@@ -8,6 +8,7 @@
 #include "defaults/load.h"
 #include "log/log.h"
 #include "platform/paths.h"
+#include "platform/safe_open.h"
 #include "storage/defaults.h"
 #include "storage/open_map.h"
 
@@ -18,13 +19,18 @@ constexpr auto kLogModule = log::Module::FileAccess;
 constexpr uint32_t kBannerWarning = 0x100104;
 constexpr uint32_t kBannerNotice = 0x100105;
 
-// Creates (truncates) the lock file holding "Locked".  False when it cannot
-// be created; nothing is then written.
+// Creates the lock file holding "Locked", replacing whatever entry is at
+// its path: the lock file lies in a directory every user can write to, so
+// an entry found there is never written through.  False when it cannot be
+// created; nothing is then written.
 bool createLockFile(const char* path) {
-    const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) return false;
-    [[maybe_unused]] const ssize_t n = write(fd, "Locked", 6);
-    close(fd);
+    constexpr const char* fn = "CM_LoadAllDefaults";
+    const platform::OpenResult r = platform::replaceWithNew(path, O_WRONLY, 0644);
+    if (r.refused())
+        CM_LOG(log::kWarn, fn, "Lock file '%s' %s - replaced it\n", path, platform::faultText(r.fault));
+    if (!r.ok()) return false;
+    [[maybe_unused]] const ssize_t n = write(r.fd, "Locked", 6);
+    close(r.fd);
     return true;
 }
 

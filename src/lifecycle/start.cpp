@@ -96,10 +96,9 @@ int fileAccessInit() {
     watch::waitForStaleWatchThread();
     for (int i = 0; i < kNumFiles; ++i) inotify::takeRecheck(i);
     s_bKillCM = 0;
-    const int fd = inotify_init();
+    const int fd = inotify_init1(IN_CLOEXEC);
     if (fd < 0) errQuit("'inotify_init failed'", __LINE__);
     inotifyfd = fd;
-    fcntl(fd, F_SETFD, FD_CLOEXEC);
 
     int result = 0;
     for (int i = 0; i < kNumFiles; ++i) {

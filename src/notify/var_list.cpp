@@ -134,11 +134,12 @@ void maybeTellCmsif(int32_t id) {
     const CM_NotifyCallback cb = pfnCmsifNotifyVCCB.load();
     uint8_t* list = s_poaCM_ChangedVarList.load();
     switch (flag) {
+        // Without a CMSIF callback there is nobody to tell.
         case CM_FLAG_IDLE:
-            cb(id);
+            if (cb != nullptr) cb(id);
             break;
         case CM_FLAG_PROFILE_DOWNLOAD:
-            if (bFullProfile.load() == 0 && !(list != nullptr && bitSet(list, id))) cb(id);
+            if (cb != nullptr && bFullProfile.load() == 0 && !(list != nullptr && bitSet(list, id))) cb(id);
             break;
         case CM_FLAG_BATCH_CHANGE:
             addToList(list, id);

@@ -1,9 +1,12 @@
 #include "platform/env.h"
 
+#include <spawn.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <ctime>
 
@@ -40,7 +43,25 @@ Env& env() {
 
 void setEnv(Env* e) { g_env.store(e, std::memory_order_release); }
 
-int Env::shell(const char* command) { return std::system(command); }
+// The shell runs with a fixed environment: the system directories for
+// PATH and nothing of the caller's (no ENV, BASH_ENV, IFS, CDPATH), so the
+// commands mean the same whoever started the calling process.  The result
+// is the wait status, as system() gives it; -1 when the shell could not run.
+int Env::shell(const char* command) {
+    if (command == nullptr) return 0;
+    static char kPath[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
+    static char kShell[] = "sh";
+    static char kDashC[] = "-c";
+    char* const envp[] = {kPath, nullptr};
+    char* const argv[] = {kShell, kDashC, const_cast<char*>(command), nullptr};
+    pid_t pid = -1;
+    if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, argv, envp) != 0) return -1;
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) {
+        if (errno != EINTR) return -1;
+    }
+    return status;
+}
 
 int tid() { return static_cast<int>(::syscall(SYS_gettid)); }
 

@@ -111,16 +111,7 @@ OpenResult createExclusive(const char* path, int flags, mode_t mode) {
     return r;
 }
 
-bool removeEntry(const char* path) {
-    if (::unlink(path) == 0 || errno == ENOENT) return true;
-    if (errno == EISDIR || errno == EPERM) {
-        // unlink() refuses directories (EISDIR, or EPERM on Linux).
-        struct stat st{};
-        if (::lstat(path, &st) == 0 && S_ISDIR(st.st_mode)) return ::rmdir(path) == 0 || errno == ENOENT;
-        errno = EPERM;
-    }
-    return false;
-}
+bool removeEntry(const char* path) { return ::unlink(path) == 0 || errno == ENOENT; }
 
 OpenResult replaceWithNew(const char* path, int flags, mode_t mode) {
     OpenResult r;

@@ -53,8 +53,8 @@ OpenResult openExisting(const char* path, int flags);
 // with err EEXIST; nothing is followed or reused.
 OpenResult createExclusive(const char* path, int flags, mode_t mode);
 
-// Removes the entry at path, of whatever kind (an empty directory too),
-// so that a fresh file can be created there.  true when it is gone.
+// Removes the entry at path so that a fresh file can be created there;
+// a directory is left alone (the create then fails).  true when it is gone.
 bool removeEntry(const char* path);
 
 // Creates the file afresh: removes whatever entry is there and creates

@@ -13,7 +13,7 @@ Filter::~Filter() {
 }
 
 void Filter::read(const char* filterPath, const char* backupPath) {
-    FILE* fp = std::fopen(filterPath, "r");
+    FILE* fp = std::fopen(filterPath, "re");
     if (fp == nullptr) {
         log::syslogDirect(4, "Failed to open filter file '%s' for reading, all CM vars in '%s' will be restored.\n",
                           filterPath, backupPath);

@@ -44,7 +44,7 @@ bool restoreLine(BackupLine& line, const Filter& filter) {
 
 int restoreConfig(const char* backupPath, const char* filterPath) {
     if (backupPath == nullptr) return -1;
-    FILE* fp = std::fopen(backupPath, "r");
+    FILE* fp = std::fopen(backupPath, "re");
     if (fp == nullptr) {
         log::syslogDirect(3, "Failed to open CM backup file '%s' for reading\n", backupPath);
         return 1;

@@ -32,9 +32,13 @@ bool insideOwnMapping(const void* addr) {
 }
 
 void onSigbus(int sig, siginfo_t* info, void* context) {
+    // Only a fault the kernel raised (si_code > 0) in a guarded read of a
+    // mapping of ours ends that read; a signal sent by a process is never
+    // taken for one.
     Guard* g = t_guard;
-    if (g != nullptr && insideOwnMapping(info->si_addr)) siglongjmp(g->env, 1);
-    // Not a read of ours: hand it on.
+    const bool fault = info != nullptr && info->si_code > 0;
+    if (fault && g != nullptr && insideOwnMapping(info->si_addr)) siglongjmp(g->env, 1);
+    // Not a read of ours: the host's own disposition decides.
     if (g_previous.sa_flags & SA_SIGINFO) {
         if (g_previous.sa_sigaction != nullptr) g_previous.sa_sigaction(sig, info, context);
         return;
@@ -43,10 +47,14 @@ void onSigbus(int sig, siginfo_t* info, void* context) {
         g_previous.sa_handler(sig);
         return;
     }
-    // Default action: a fault repeats on return and now kills the process as
-    // it would have without the library; a sent signal is raised again.
-    signal(SIGBUS, SIG_DFL);
-    if (info->si_code <= 0) raise(SIGBUS);
+    // An ignored signal sent by a process stays ignored.
+    if (!fault && g_previous.sa_handler == SIG_IGN) return;
+    // Otherwise the host's disposition is put back: a fault repeats on
+    // return and is then dealt with as it would have been without the
+    // library (the kernel kills the process even when SIGBUS is ignored);
+    // a sent signal is raised again.
+    sigaction(SIGBUS, &g_previous, nullptr);
+    if (!fault) raise(SIGBUS);
 }
 
 // Runs op with the guard set; false when a SIGBUS in a mapping ended it.

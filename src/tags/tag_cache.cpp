@@ -1,6 +1,7 @@
 // Writing and loading the tag cache.
 #include "tags/tag_cache.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +11,7 @@
 #include "catalogue/catalogue.h"
 #include "log/log.h"
 #include "platform/paths.h"
+#include "platform/safe_open.h"
 #include "process/state.h"
 #include "tags/software_version.h"
 #include "tags/tag_table.h"
@@ -18,6 +20,7 @@ namespace cm::tags {
 namespace {
 
 constexpr auto kLogModule = log::Module::FileAccess;
+constexpr mode_t kCacheMode = 0644;
 
 // Closes and removes the temporary file after a failed write.
 void discard(FILE* fp, const char* tmp) {
@@ -44,6 +47,29 @@ bool inOrder() {
     return true;
 }
 
+// The cache files are created afresh, never written through an entry found
+// at their path (a link planted there would have root write its target).
+FILE* createFresh(const char* path) {
+    const platform::OpenResult r = platform::replaceWithNew(path, O_WRONLY, kCacheMode);
+    if (!r.ok()) return nullptr;
+    FILE* fp = fdopen(r.fd, "w");
+    if (fp == nullptr) {
+        close(r.fd);
+        std::remove(path);
+    }
+    return fp;
+}
+
+// The cache is read only from a sound file; anything else is rebuilt.
+FILE* openSound(const char* path, const char* fn) {
+    const platform::OpenResult r = platform::openExisting(path, O_RDONLY);
+    if (r.refused()) CM_LOG(log::kWarn, fn, "File %s %s - not read\n", path, platform::faultText(r.fault));
+    if (!r.ok()) return nullptr;
+    FILE* fp = fdopen(r.fd, "r");
+    if (fp == nullptr) close(r.fd);
+    return fp;
+}
+
 }  // namespace
 
 int writeCache() {
@@ -54,7 +80,7 @@ int writeCache() {
 
     const char* tmp = paths::tagCacheTempFile();
     const char* path = paths::tagCacheFile();
-    FILE* fp = std::fopen(tmp, "w");
+    FILE* fp = createFresh(tmp);
     if (fp == nullptr) {
         CM_LOG(log::kErr, fn, "Unable to open file %s for write operation\n", tmp);
         return 0;
@@ -99,7 +125,7 @@ int writeCache() {
 int loadSortedList() {
     constexpr const char* fn = "CM_Load_CMTagSortedList";
     const char* path = paths::tagCacheFile();
-    FILE* fp = std::fopen(path, "r");
+    FILE* fp = openSound(path, fn);
     if (fp == nullptr) {
         CM_LOG(log::kInfo, fn, "Unable to open file %s to read, so creating it.\n", path);
         return rebuild(nullptr);
@@ -107,7 +133,7 @@ int loadSortedList() {
 
     char cached[kVersionBuf] = "";
     errno = 0;
-    (void)std::fscanf(fp, "%21s\n", cached);
+    [[maybe_unused]] const int got = std::fscanf(fp, "%21s\n", cached);
     if (std::ferror(fp)) {
         const int e = errno;
         CM_LOG(log::kWarn, fn, "Error while reading file %s line %d, so re-creating it, errno=%d '%s'\n", path, 1, e,

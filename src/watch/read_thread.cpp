@@ -14,6 +14,7 @@
 #include "log/log.h"
 #include "platform/env.h"
 #include "platform/paths.h"
+#include "platform/safe_open.h"
 #include "process/state.h"
 #include "storage/file_state.h"
 #include "storage/release.h"
@@ -60,6 +61,23 @@ void closeEventsFd() {
     g_state.events = -1;
 }
 
+// A close-on-exec copy of the instance's descriptor, never inheritable even
+// for a moment.  Not F_DUPFD_CLOEXEC: user-mode emulators of other byte
+// orders convert inotify events only on descriptors copied by the dup
+// calls.  dup3() is one of them; it needs a target number, so a descriptor
+// of our own, close-on-exec from its birth (a spare instance: no file needs
+// to exist for it), is made and then replaced.
+int dupCloseOnExec(int fd) {
+    if (fd < 0) return -1;
+    const int slot = inotify_init1(IN_CLOEXEC);
+    if (slot < 0) return -1;
+    if (dup3(fd, slot, O_CLOEXEC) < 0) {
+        close(slot);
+        return -1;
+    }
+    return slot;
+}
+
 // Reads one buffer of events: a plain blocking read, so that a pass costs
 // no extra system call (wakeWatchThread() ends the wait with an event of its
 // own).  With `queuedOnly`, takes only events already queued, if any.
@@ -76,13 +94,22 @@ ssize_t readEvents(int fd, uint8_t* buf, bool queuedOnly) {
     }
 }
 
+// True while a lock file made by the library is in place.  Other users can
+// write to the lock file's directory, so an entry that is not a sound file
+// of root's (or of this user's) is not honoured: nobody else can hold back
+// the watchers.
+bool defaultsLockHeld(const char* lockPath) {
+    platform::EntryFault fault{};
+    return platform::inspectEntry(lockPath, &fault) && fault == platform::EntryFault::kNone;
+}
+
 // Waits while another process loads all defaults; removes a lock file that
 // outlives 99 pauses of 100 ms, since its owner has evidently died.
 void waitForDefaultsLock() {
     constexpr const char* fn = "CM_ReadThread";
     const char* lockPath = paths::defaultsLockFile();
     int count = kLockFileChecks;
-    while (access(lockPath, F_OK) == 0 && !process::killRequested()) {
+    while (defaultsLockHeld(lockPath) && !process::killRequested()) {
         CM_LOG(log::kInfo, fn, "Lock file exists, iLockCount=%d\n", count);
         if (--count == 0) {
             CM_LOG(log::kErr, fn, "Timeout waiting for another process to delete lock file '%s' - deleted it\n", lockPath);
@@ -176,10 +203,7 @@ void waitForStaleWatchThread() { joinWatchThread(false); }
 int startWatchThread() {
     pthread_mutex_lock(&g_stateMutex);
     closeEventsFd();
-    // dup() rather than F_DUPFD_CLOEXEC: user-mode emulators of other byte
-    // orders convert inotify events only on descriptors copied this way.
-    g_state.events = dup(process::inotifyfd.load());
-    if (g_state.events >= 0) fcntl(g_state.events, F_SETFD, FD_CLOEXEC);
+    g_state.events = dupCloseOnExec(process::inotifyfd.load());
     const int rc = pthread_create(&g_state.handle, nullptr, readThread, nullptr);
     g_state.joinable = rc == 0;
     pthread_mutex_unlock(&g_stateMutex);
