@@ -15,7 +15,7 @@ def help_of(cmctl, *args):
 
 def main(cmctl, base, out):
     top = help_of(cmctl)
-    names = re.findall(r"^\s{2}(\w+)\s", top.split("SUBCOMMANDS:", 1)[1], re.M)
+    names = re.findall(r"^\s{2}(\w+)\s", re.split(r"(?i)subcommands:", top, maxsplit=1)[1], re.M)
     parts = [open(base).read(), "\n[SUBCOMMANDS]\n"]
     for name in names:
         text = help_of(cmctl, name).replace("\\", "\\\\").replace("\n.", "\n\\&.").replace("\n'", "\n\\&'")

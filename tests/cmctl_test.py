@@ -175,6 +175,7 @@ class ExportImport(Tree):
 
     def test_whole_catalogue_round_trip_is_byte_identical(self):
         self.ok("set", *self.VALUES)
+        self.ok("import", "-", stdin='UNIT_LOCATION = "\\xFF\\x01 not UTF-8"\n')  # JSON gives it as hex
         for fmt in ([], ["--json"]):
             with self.subTest(fmt=fmt):
                 first = self.ok(*fmt, "export", "--volatile")
@@ -187,6 +188,7 @@ class ExportImport(Tree):
         self.assertIn('UNIT_NAME = " padded\\ttab \\\\ \\"quoted\\" "\n', exported)
         self.assertIn("MAC1_ADDRESS = 0xAABBCCDDEEFF0000\n", exported)
         self.assertNotIn("CURRENT_FILE_TRANSFER_PASSWORD", exported)  # volatile
+        self.assertEqual(self.json("export")["UNIT_LOCATION"], {"hex": "0xFF01206E6F74205554462D38"})
 
 
 class Damage(Tree):
