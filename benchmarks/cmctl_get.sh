@@ -7,6 +7,7 @@
 #   benchmarks/cmctl_get.sh [BUILD] [--benchmark_format=json]
 #
 # Uses hyperfine when installed (apt-get install hyperfine), else a loop.
+# CM_FLOOR_READONLY=1 gives the floor the read-only start the tool uses.
 set -euo pipefail
 build=${1:-build}
 json=0
@@ -19,17 +20,22 @@ cmake --install "$build" --prefix "$dir/prefix" --strip >/dev/null
 lib=$(dirname "$(find "$dir/prefix" -name 'libconfigmanager.so' | head -1)")
 cat >"$dir/floor.c" <<'C'
 #include <stdio.h>
+#include <stdlib.h>
 #include <configmanager/configmanager.h>
+#include <configmanager/cm_host.h>
+#include <configmanager/cm_tools.h>
 int main(void) {
     char text[512];
-    if (CM_Host_SetRootDirectory(getenv("CM_ROOT")) != 0 || CM_initNoRegister() != 0) return 1;
+    if (CM_Host_SetRootDirectory(getenv("CM_ROOT")) != 0) return 1;
+    /* CM_FLOOR_READONLY set: the same read-only start as the tool's */
+    if ((getenv("CM_FLOOR_READONLY") ? CM_Ext_InitReadOnly(0) : CM_initNoRegister()) != 0) return 1;
     if (CM_Get_Var_Value_As_String(UNIT_NAME, text) != 0) return 1;
     puts(text);
     CM_Exit();
     return 0;
 }
 C
-cc -O2 -include stdlib.h -I"$dir/prefix/include" "$dir/floor.c" -L"$lib" -Wl,-rpath,"$lib" -lconfigmanager \
+cc -O2 -I"$dir/prefix/include" "$dir/floor.c" -L"$lib" -Wl,-rpath,"$lib" -lconfigmanager \
     -o "$dir/floor"
 strip "$dir/floor"
 root=$dir/root
