@@ -1,6 +1,7 @@
 // backup FILE|-, restore FILE [--filter FILE], diff FILE.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -10,6 +11,7 @@
 #include <configmanager/configmanager.h>
 
 #include "commands.h"
+#include "checked_write.h"
 #include "context.h"
 #include "value_text.h"
 #include "vars.h"
@@ -25,6 +27,8 @@ struct {
 
 struct {
     std::string file, filter;
+    bool dryRun = false;
+    bool force = false;
 } g_restore;
 
 std::string g_diffFile;
@@ -45,31 +49,13 @@ struct TempFile {
 
 void backup() {
     applyGlobalOptions();
-    Library lib(Start::Reader);
+    Library lib(Start::ReadOnly);
     const bool toStdout = g_backup.file == "-";
     TempFile tmp;
     const std::string& path = toStdout ? tmp.path : g_backup.file;
     if (CM_BackupConfig_common(path.c_str(), g_backup.includeVolatile ? 1 : 0, g_backup.octets ? 1 : 0) != 0)
         throw Failure("backup to '" + g_backup.file + "' failed");
     if (toStdout) std::cout << std::ifstream(path).rdbuf() << std::flush;
-}
-
-void restore() {
-    applyGlobalOptions();
-    Library lib(Start::Reader);
-    TempFile tmp;
-    std::string path = g_restore.file;
-    if (path == "-") {
-        std::ofstream(tmp.path) << std::cin.rdbuf();
-        path = tmp.path;
-    } else if (access(path.c_str(), R_OK) != 0) {
-        throw Failure("cannot read '" + path + "'");
-    }
-    const int rc = CM_RestoreConfig(path.c_str(), g_restore.filter.empty() ? nullptr : g_restore.filter.c_str());
-    if (rc != 0)
-        throw Failure("restore from '" + g_restore.file + "' " +
-                      (rc == 1 ? "had errors (not a backup, or some values were refused; -v shows which)"
-                               : "failed"));
 }
 
 // Splits a backup line "TAG : VALUE" ("NULL" stands for an empty value).
@@ -83,11 +69,77 @@ bool splitLine(const std::string& line, std::string& tag, std::string& value) {
     return true;
 }
 
+// The filter file: one name prefix per line, names shorter than two
+// characters ignored, at most 50 kept (as the library reads it).
+std::vector<std::string> readFilter(const std::string& path) {
+    std::istringstream in(readInput(path));
+    std::vector<std::string> names;
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.size() < 2) continue;
+        if (names.size() == 50) {
+            std::cerr << "cmctl: " << path << ": more than 50 names, '" << line << "' onwards ignored\n";
+            break;
+        }
+        names.push_back(line);
+    }
+    return names;
+}
+
+// The text a backup line gives a variable: "NULL" is empty, and "&amp;" in
+// a text stands for "&".
+std::string backupText(const VarInfo& v, std::string value) {
+    if (v.type != DT_STRING) return value;
+    for (size_t p = value.find("&amp;"); p != std::string::npos; p = value.find("&amp;", p + 1)) value.erase(p + 1, 4);
+    return value;
+}
+
+void restore() {
+    applyGlobalOptions();
+    const std::string source = g_restore.file == "-" ? "<stdin>" : g_restore.file;
+    const std::vector<std::string> filter = g_restore.filter.empty() ? std::vector<std::string>{}
+                                                                     : readFilter(g_restore.filter);
+    std::istringstream in(readInput(g_restore.file));
+    WritePlan plan(source, "line");
+    std::string line, tag, value;
+    size_t n = 0;
+    while (std::getline(in, line)) {
+        ++n;
+        const bool split = splitLine(line, tag, value);
+        if (n == 1) {
+            if (!split || tag != "SOFTWARE_VERSION") throw Failure("'" + source + "' is not a backup (no SOFTWARE_VERSION line)");
+            continue;
+        }
+        if (!split) {
+            if (line.find_first_not_of(" \t\r") != std::string::npos) plan.refuse(n, "not 'NAME : VALUE'");
+            continue;
+        }
+        if (std::any_of(filter.begin(), filter.end(), [&](const std::string& f) { return tag.rfind(f, 0) == 0; }))
+            continue;
+        const VarInfo* v = findVar(tag);
+        if (v == nullptr) {
+            // A newer software's variable: left out, as the library does.
+            std::cerr << "cmctl: " << source << ":" << n << ": " << unknownVariable(tag) << "; skipped\n";
+            continue;
+        }
+        plan.add(n, *v, backupText(*v, value));
+    }
+    if (n == 0) throw Failure("'" + source + "' is not a backup (empty)");
+    plan.requireClean();
+    if (g_restore.dryRun) {
+        std::cerr << "cmctl: " << plan.size() << " values checked; nothing written (--dry-run)\n";
+        return;
+    }
+    Library lib(Start::Writer);
+    plan.apply(g_restore.force);
+}
+
 void diff() {
+    setFailureStatus(kExitUsage);
     applyGlobalOptions();
     std::ifstream in(g_diffFile);
     if (!in) throw Failure("cannot read '" + g_diffFile + "'");
-    Library lib(Start::Reader);
+    Library lib(Start::ReadOnly);
     Json out = Json::array();
     std::string line, tag, value;
     size_t differences = 0;
@@ -126,13 +178,16 @@ void addBackupCommands(CLI::App& app) {
     auto* b = app.add_subcommand("backup", "Write the configuration to a text file, one 'NAME : VALUE' line per variable");
     b->add_option("FILE", g_backup.file, "File to write ('-' for standard output)")->required();
     b->add_flag("--volatile", g_backup.includeVolatile, "Include the volatile (run-time) variables");
-    b->add_flag("--octets", g_backup.octets, "Include octet strings and (enciphered) passwords; restore writes octet strings back as the text it reads, so leave them out of a backup meant for restoring");
+    b->add_flag("--octets", g_backup.octets, "Include octet strings and (enciphered) passwords");
     b->callback(backup);
 
-    auto* r = app.add_subcommand("restore", "Set every variable named in a backup file to the value it holds");
+    auto* r = app.add_subcommand("restore", "Check every line of a backup file, then set each variable named in it to "
+                                            "its value (nothing at all if any line is bad)");
     r->add_option("FILE", g_restore.file, "Backup file ('-' for standard input)")->required();
-    r->add_option("--filter", g_restore.filter, "File of name prefixes, one per line, whose variables are left alone")
+    r->add_option("--filter", g_restore.filter, "File of name prefixes, one per line, whose variables are left alone (must be readable)")
         ->type_name("FILE");
+    r->add_flag("--dry-run", g_restore.dryRun, "Only check the file");
+    r->add_flag("--force", g_restore.force, "Write also during a profile download");
     r->callback(restore);
 
     auto* d = app.add_subcommand(

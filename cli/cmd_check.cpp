@@ -2,19 +2,25 @@
 // library, what is wrong with each; check --repair starts as the master,
 // which repairs, and says what it did.  master: the master process of a
 // device tree on a host.
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 
+#include <algorithm>
 #include <iostream>
 
 #include <configmanager/configmanager.h>
 
 #include "commands.h"
 #include "context.h"
+#include "value_text.h"
+#include "vars.h"
 
 namespace cmctl {
 namespace {
 
 bool g_repair = false;
+bool g_yes = false;
 constexpr int kMaxFaultsShown = 20;
 
 struct FileReport {
@@ -97,6 +103,29 @@ bool report(const std::vector<FileReport>& reports, Json* jsonOut) {
     return allGood;
 }
 
+// Numbers outside their bounds in the files that are sound enough to read;
+// true when there is none.
+bool reportOutOfBounds(const std::vector<FileReport>& reports, Json* jsonOut) {
+    bool readable = false;
+    for (const FileReport& r : reports) readable = readable || (r.check.dwFaults & CM_FILE_MISSING) == 0;
+    if (!readable) return true;
+    Library lib(Start::ReadOnly);
+    bool none = true;
+    for (const VarInfo& v : allVars()) {
+        if (v.type > DT_DWORD || reports[v.fileIndex].check.dwFaults != 0) continue;
+        ValueBuffer b;
+        if (CM_Get_Variable(v.id, b.data()) != 0) continue;
+        const uint32_t n = std::stoul(formatValue(v, b));
+        if ((n >= v.min && n <= v.max) || formatValue(v, readDefault(v)) == std::to_string(n)) continue;
+        none = false;
+        if (jsonOut != nullptr)
+            jsonOut->push_back({{"name", v.name}, {"value", n}, {"min", v.min}, {"max", v.max}});
+        else
+            std::cout << v.name << ": " << n << " is outside its bounds " << v.min << ".." << v.max << "\n";
+    }
+    return none;
+}
+
 std::vector<FileReport> checkAll() {
     std::vector<FileReport> out;
     for (int i = 0; i < CM_NUM_FILES; ++i) out.push_back(checkOne(i));
@@ -110,11 +139,21 @@ void check() {
     Json files = Json::array();
     const bool json = options().json;
     if (!g_repair) {
-        const bool good = report(before, json ? &files : nullptr);
-        if (json) printJson({{"good", good}, {"files", files}});
+        bool good = report(before, json ? &files : nullptr);
+        Json bounds = Json::array();
+        good = reportOutOfBounds(before, json ? &bounds : nullptr) && good;
+        if (json) printJson({{"good", good}, {"files", files}, {"out_of_bounds", bounds}});
         setExitStatus(good ? kExitOk : kExitFailed);
         return;
     }
+    // Creating a missing file or cutting extra bytes off loses nothing; a
+    // rewrite from defaults replaces every value of the file.
+    const auto rewritten = [](const FileReport& r) {
+        return (r.check.dwFaults & ~static_cast<uint32_t>(CM_FILE_MISSING | CM_FILE_TOO_LONG)) != 0;
+    };
+    if (std::any_of(before.begin(), before.end(), rewritten))
+        requireConfirmation("The master rewrites each damaged file from defaults (a copy is kept as NAME.damaged).",
+                            g_yes);
     // The master's set-up cuts extra bytes off and rewrites a damaged, short
     // or missing file from defaults.
     { Library lib(Start::Master); }
@@ -137,8 +176,24 @@ void check() {
     setExitStatus(good ? kExitOk : kExitFailed);
 }
 
+// One master per tree: an exclusive lock on the folder of the persistent
+// files, held until the process ends (no file is made, and a master that
+// died leaves no stale lock behind).
+void lockTreeForMaster() {
+    CM_FileInfo f{};
+    CM_Ext_GetFileInfo(1, &f);
+    std::string dir = f.szPath;
+    dir.resize(dir.rfind('/') + 1);
+    makeDataFolders();
+    const int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) throw Failure("cannot open '" + dir + "'");
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0)
+        throw Failure("another master is already running under " + options().root);
+}
+
 void master() {
     applyGlobalOptions();
+    lockTreeForMaster();
     blockStopSignals();
     Library lib(Start::Master);
     std::fprintf(stderr, "cmctl: master running under %s; Ctrl-C ends\n", options().root.c_str());
@@ -151,7 +206,9 @@ void addCheckCommands(CLI::App& app) {
     auto* cmd = app.add_subcommand(
         "check", "Check the ten data files without changing them (exit status 0 only when all are good)");
     cmd->add_flag("--repair", g_repair,
-                  "Start as the master, which cuts extra bytes off and rewrites damaged files from defaults");
+                  "Start as the master, which cuts extra bytes off and rewrites damaged files from defaults "
+                  "(keeping a copy of each as NAME.damaged for 'cmctl salvage'); asks first");
+    cmd->add_flag("-y,--yes", g_yes, "Repair without asking (needed when there is no terminal to ask on)");
     cmd->callback(check);
 
     auto* m = app.add_subcommand(

@@ -14,25 +14,16 @@ namespace {
 std::string g_which;
 bool g_yes = false;
 
-bool confirmed(const std::string& what) {
-    if (g_yes || !isatty(0)) return true;
-    std::cerr << what << " Continue? [y/N] " << std::flush;
-    std::string answer;
-    std::getline(std::cin, answer);
-    return answer == "y" || answer == "Y" || answer == "yes";
-}
-
 void defaults() {
     applyGlobalOptions();
     int (*const load)() = g_which == "general"   ? CM_LoadGeneralDefaults
                           : g_which == "factory" ? CM_LoadFactoryDefaults
                                                  : CM_LoadAllDefaults;
-    if (g_which == "factory" &&
-        !confirmed("Factory defaults reset every variable and delete logs, histories and certificates."))
-        throw Failure("not confirmed; nothing changed");
-    if (g_which == "all" && !confirmed("All defaults rewrite every data file from defaults."))
-        throw Failure("not confirmed; nothing changed");
-    Library lib(Start::Reader);
+    requireConfirmation(g_which == "factory" ? "Factory defaults reset every variable and delete logs, histories and certificates."
+                        : g_which == "all" ? "All defaults rewrite every data file from defaults."
+                                           : "General defaults reset every variable of defaults group 3.",
+                        g_yes);
+    Library lib(Start::Writer);
     const int rc = load();
     if (rc != 0) throw Failure(g_which + " defaults loaded with errors (result " + std::to_string(rc) + ")");
 }
@@ -44,7 +35,7 @@ void addDefaultsCommand(CLI::App& app) {
     cmd->add_option("WHICH", g_which, "general, factory or all")
         ->required()
         ->check(CLI::IsMember({"general", "factory", "all"}));
-    cmd->add_flag("-y,--yes", g_yes, "Do not ask for confirmation (factory and all ask on a terminal)");
+    cmd->add_flag("-y,--yes", g_yes, "Go ahead without asking (needed when there is no terminal to ask on)");
     cmd->callback(defaults);
 }
 

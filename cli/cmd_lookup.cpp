@@ -43,10 +43,11 @@ void info(const std::vector<std::string>& names) {
                   << "defaults group: " << v.group << (v.group == 3 ? " (general, factory and all defaults)" : " (factory and all defaults)") << "\n"
                   << "reported:       " << (v.reported ? "yes" : "no") << "\n";
     }
-    if (options().json) printJson(names.size() == 1 ? all[0] : all);
+    if (options().json) printJson(all);
 }
 
 void find(const std::string& text) {
+    setFailureStatus(kExitUsage);
     applyGlobalOptions();
     Json found = Json::array();
     size_t count = 0;

@@ -8,7 +8,9 @@
 #include <configmanager/configmanager.h>
 
 #include "commands.h"
+#include "checked_write.h"
 #include "context.h"
+#include "export_format.h"
 #include "value_text.h"
 #include "vars.h"
 
@@ -22,9 +24,15 @@ struct GetArgs {
 } g_get;
 
 struct SetArgs {
-    std::string name, value;
+    std::vector<std::string> args;
     bool force = false;
+    bool dryRun = false;
 } g_set;
+
+struct {
+    std::vector<std::string> names;
+    bool force = false;
+} g_reset;
 
 struct ShowArgs {
     std::string prefix;
@@ -51,13 +59,13 @@ void get() {
     for (const std::string& n : g_get.names) vars.push_back(varInfo(idOf(n)));
     Json out = Json::object();
     auto emit = [&](const VarInfo& v, const std::string& text) {
-        if (options().json) out[v.name] = text;
+        if (options().json) out[v.name] = displayJson(v, text);
         else std::cout << text << "\n";
     };
     if (g_get.defaults) {
         for (const VarInfo& v : vars) emit(v, formatValue(v, readDefault(v)));
     } else {
-        Library lib(Start::Reader);
+        Library lib(Start::ReadOnly);
         for (const VarInfo& v : vars) emit(v, currentText(v, g_get.reveal));
     }
     if (options().json) printJson(out);
@@ -85,29 +93,49 @@ std::string readStdin(bool secret) {
     return line;
 }
 
+// set NAME VALUE, or set NAME=VALUE...: every value checked first.
 void set() {
     applyGlobalOptions();
-    const VarInfo v = varInfo(idOf(g_set.name));
-    const std::string text = g_set.value == "-" ? readStdin(v.type == DT_PASSWORD) : g_set.value;
-    // Checked before the library starts: a refused value never gets near the file.
-    ValueBuffer value = parseValue(v, text);
-    Library lib(Start::Reader);
-    if (!g_set.force) {
-        // The library drops a plain set during a profile download and calls
-        // it a success; the tool says so instead.
-        const VarInfo flagVar = varInfo(CM_FLAG);
-        if (readValue(flagVar).bytes[0] == CM_FLAG_PROFILE_DOWNLOAD)
-            throw Failure(v.name + ": not set, a profile download is in progress (use --force to write all the same)");
+    const auto& args = g_set.args;
+    WritePlan plan("argument", "argument");
+    if (args.size() == 2 && args[0].find('=') == std::string::npos) {
+        const VarInfo* v = findVar(args[0]);
+        if (v == nullptr) throw Failure(unknownVariable(args[0]));
+        const std::string text = args[1] == "-" ? readStdin(v->type == DT_PASSWORD) : args[1];
+        // Checked before the library starts: a refused value never gets near the file.
+        plan.add(2, *v, text);
+    } else {
+        for (size_t i = 0; i < args.size(); ++i) {
+            const size_t eq = args[i].find('=');
+            if (eq == std::string::npos) plan.refuse(i + 1, "'" + args[i] + "' is not NAME=VALUE");
+            else plan.add(i + 1, args[i].substr(0, eq), args[i].substr(eq + 1));
+        }
     }
-    const int rc = g_set.force ? CM_Set_Variable_CMI(v.id, value.data(), 0) : CM_Set_Variable(v.id, value.data());
-    if (rc != 0) throw Failure(v.name + ": the write failed (result " + std::to_string(rc) + ")");
+    plan.requireClean();
+    if (g_set.dryRun) return;
+    Library lib(Start::Writer);
+    plan.apply(g_set.force);
+}
+
+// reset NAME...: each back to its default, through the same checked writes.
+void reset() {
+    applyGlobalOptions();
+    WritePlan plan("argument", "argument");
+    for (size_t i = 0; i < g_reset.names.size(); ++i) {
+        const VarInfo* v = findVar(g_reset.names[i]);
+        if (v == nullptr) plan.refuse(i + 1, unknownVariable(g_reset.names[i]));
+        else plan.add(i + 1, *v, formatValue(*v, readDefault(*v), PasswordForm::Stored));
+    }
+    plan.requireClean();
+    Library lib(Start::Writer);
+    plan.apply(g_reset.force);
 }
 
 void show() {
     applyGlobalOptions();
     const auto vars = varsWithPrefix(g_show.prefix);
     if (vars.empty()) throw Failure(g_show.prefix + ": no variable has this prefix");
-    Library lib(Start::Reader);
+    Library lib(Start::ReadOnly);
     Json out = Json::object();
     for (const VarInfo* v : vars) {
         std::string text;
@@ -123,7 +151,7 @@ void show() {
             setExitStatus(kExitFailed);
             continue;
         }
-        if (options().json) out[v->name] = text;
+        if (options().json) out[v->name] = displayJson(*v, text);
         else std::cout << v->name << " = " << text << "\n";
     }
     if (options().json) printJson(out);
@@ -139,14 +167,20 @@ void addValueCommands(CLI::App& app) {
     getCmd->callback(get);
 
     auto* setCmd = app.add_subcommand(
-        "set", "Check VALUE against the variable's type, size and bounds, then write it");
-    setCmd->add_option("NAME", g_set.name, "Variable name")->required();
-    setCmd->add_option("VALUE", g_set.value,
-                       "New value; '-' reads it from standard input (a password without echo on a terminal)")
+        "set", "Check each value against its variable's type, size and bounds, then write them all (none if any is bad)");
+    setCmd->add_option("ARGS", g_set.args,
+                       "NAME VALUE ('-' reads VALUE from standard input, a password without echo on a terminal), "
+                       "or NAME=VALUE...")
         ->required();
     setCmd->add_flag("--force", g_set.force,
                      "Write through the management-interface path, also during a profile download");
+    setCmd->add_flag("--dry-run", g_set.dryRun, "Only check the values");
     setCmd->callback(set);
+
+    auto* resetCmd = app.add_subcommand("reset", "Set each variable back to its default value");
+    resetCmd->add_option("NAME", g_reset.names, "Variable name")->required();
+    resetCmd->add_flag("--force", g_reset.force, "Write also during a profile download");
+    resetCmd->callback(reset);
 
     auto* showCmd = app.add_subcommand("show", "List NAME = VALUE for every variable, or those whose names start with PREFIX");
     showCmd->add_option("PREFIX", g_show.prefix, "Name prefix");

@@ -13,6 +13,7 @@
 
 #include "commands.h"
 #include "context.h"
+#include "export_format.h"
 #include "value_text.h"
 #include "vars.h"
 
@@ -37,12 +38,21 @@ std::string timestamp() {
     return text;
 }
 
+// The stored form: a password re-enciphered with a new value differs here
+// even though both show as the same mask.
 std::string textOf(int32_t id) {
     try {
-        return formatValue(varInfo(id), readValue(varInfo(id)));
+        return formatValue(varInfo(id), readValue(varInfo(id)), PasswordForm::Stored);
     } catch (const Failure&) {
         return "(unreadable)";
     }
+}
+
+// What is printed: a password only as its mask.
+std::string shown(const VarInfo& v, const std::string& stored) {
+    if (v.type != DT_PASSWORD || stored == "(unreadable)") return stored;
+    const bool none = stored.find_first_not_of('0', 2) == std::string::npos;
+    return none ? "" : kPasswordMask;
 }
 
 int onChange(int32_t id) {
@@ -52,12 +62,14 @@ int onChange(int32_t id) {
     // A record rewritten with the same bytes elsewhere in its file, or a
     // password re-enciphered to the same mask, is no change to report.
     if (now == old) return 0;
-    const char* name = CM_GetCMvarTag(id);
+    const VarInfo v = varInfo(id);
+    const std::string before = shown(v, old), after = shown(v, now);
     if (options().json) {
-        Json line = {{"time", timestamp()}, {"name", name}, {"id", id}, {"old", old}, {"new", now}};
+        Json line = {{"time", timestamp()}, {"name", v.name}, {"id", id},
+                     {"old", displayJson(v, before)}, {"new", displayJson(v, after)}};
         std::printf("%s\n", line.dump().c_str());
     } else {
-        std::printf("%s %s: %s -> %s\n", timestamp().c_str(), name, old.c_str(), now.c_str());
+        std::printf("%s %s: %s -> %s\n", timestamp().c_str(), v.name.c_str(), before.c_str(), after.c_str());
     }
     std::fflush(stdout);
     old = now;
@@ -71,7 +83,7 @@ void watch() {
     // starts inherits the blocked mask, so Ctrl-C always reaches this thread.
     blockStopSignals();
 
-    Library lib(Start::Watcher);
+    Library lib(Start::ReadOnlyWatcher);
     {
         std::lock_guard<std::mutex> g(g_lastMutex);
         for (const VarInfo* v : vars) g_last[v->id] = textOf(v->id);

@@ -10,11 +10,13 @@ namespace cmctl {
 using Json = nlohmann::ordered_json;
 
 void addLookupCommands(CLI::App& app);   // info, find
-void addValueCommands(CLI::App& app);    // get, set, show
+void addValueCommands(CLI::App& app);    // get, set, reset, show
 void addWatchCommand(CLI::App& app);     // watch
 void addCheckCommands(CLI::App& app);    // check, master
 void addBackupCommands(CLI::App& app);   // backup, restore, diff
 void addDefaultsCommand(CLI::App& app);  // defaults
+void addExportCommands(CLI::App& app);   // export, import
+void addSalvageCommand(CLI::App& app);   // salvage
 
 // Prints one JSON document on standard output.
 void printJson(const Json& doc);

@@ -1,13 +1,21 @@
 #include "context.h"
+#include "vars.h"
 
 #include <signal.h>
+#include <unistd.h>
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <sstream>
 #include <string>
 
 #include <configmanager/configmanager.h>
 #include <configmanager/cm_host.h>
+#include <configmanager/cm_tools.h>
 
 namespace cmctl {
 
@@ -37,16 +45,29 @@ void applyGlobalOptions() {
 
 namespace {
 
-void requireDataFiles() {
+// Every file (a writer), or at least one (a reader, which reads what is
+// there and names what is not).
+void requireDataFiles(bool every = true) {
+    std::string missing;
     for (int i = 0; i < CM_NUM_FILES; ++i) {
         CM_FileInfo f{};
         CM_Ext_GetFileInfo(i, &f);
         struct stat st{};
-        if (stat(f.szPath, &st) != 0 || st.st_size == 0)
-            throw Failure(std::string("data file '") + f.szPath +
-                          "' is missing or empty: no master has set up this tree (run 'cmctl master', or add --master)");
+        if (stat(f.szPath, &st) != 0 || st.st_size == 0) {
+            missing = f.szPath;
+            if (every) break;
+        } else if (!every) {
+            return;
+        } else if (access(f.szPath, R_OK | W_OK) != 0) {
+            throw Failure(std::string("no write access to '") + f.szPath + "': " + std::strerror(errno));
+        }
     }
+    if (!missing.empty())
+        throw Failure("data file '" + missing +
+                      "' is missing or empty: no master has set up this tree (run 'cmctl master', or add --master)");
 }
+
+}  // namespace
 
 // The master creates missing files, but not their folders: make those in a
 // fresh device tree on a host (on the device they always exist).
@@ -61,13 +82,21 @@ void makeDataFolders() {
     }
 }
 
-}  // namespace
-
 Library::Library(Start how) {
-    if (options().master) how = how == Start::Watcher ? Start::Watcher : Start::Master;
+    if (options().master) how = how == Start::Watcher || how == Start::ReadOnlyWatcher ? Start::Watcher : Start::Master;
     int rc = 0;
     switch (how) {
-        case Start::Reader:
+        case Start::ReadOnly:
+            // Needs no write access; a missing or damaged file costs only
+            // the reads of its own variables.
+            requireDataFiles(false);
+            rc = CM_Ext_InitReadOnly(0);
+            break;
+        case Start::ReadOnlyWatcher:
+            requireDataFiles(false);
+            rc = CM_Ext_InitReadOnly(1);
+            break;
+        case Start::Writer:
             requireDataFiles();
             rc = CM_initNoRegister();
             break;
@@ -114,10 +143,39 @@ void waitForStop() {
     sigwait(&set, &sig);
 }
 
+void requireConfirmation(const std::string& what, bool yes) {
+    if (yes) return;
+    if (!isatty(0) || !isatty(2)) throw Failure(what + " Not confirmed (no terminal to ask on): add -y to go ahead");
+    std::cerr << what << " Continue? [y/N] " << std::flush;
+    std::string answer;
+    std::getline(std::cin, answer);
+    if (answer != "y" && answer != "Y" && answer != "yes") throw Failure("not confirmed; nothing changed");
+}
+
+std::string readInput(const std::string& path) {
+    std::ostringstream s;
+    if (path == "-") {
+        s << std::cin.rdbuf();
+        return s.str();
+    }
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw Failure("cannot read '" + path + "'");
+    s << in.rdbuf();
+    if (in.bad()) throw Failure("cannot read '" + path + "'");
+    return s.str();
+}
+
+namespace {
+int g_failureStatus = kExitFailed;
+}
+
+void setFailureStatus(int status) { g_failureStatus = status; }
+int failureStatus() { return g_failureStatus; }
+
 int32_t idOf(const std::string& name) {
     int32_t id = -1;
     if (name.empty() || CM_GetVarIdFromName(name.data(), static_cast<int>(name.size()), &id) != 0)
-        throw Failure(name + ": no such variable");
+        throw Failure(unknownVariable(name));
     return id;
 }
 

@@ -33,7 +33,9 @@ Options& options();
 
 // How a subcommand starts the library.
 enum class Start {
-    Reader,   // files set up, no watch thread
+    ReadOnly, // files opened read-only, read locks, nothing created or synced
+    Writer,   // files set up for writing, no watch thread
+    ReadOnlyWatcher,  // read-only, with the watch thread
     Watcher,  // full start: the watch thread calls our callbacks
     Master,   // the master role: creates missing files, repairs damaged ones
 };
@@ -49,6 +51,9 @@ public:
     Library& operator=(const Library&) = delete;
 };
 
+// Makes the folders of the data files in a fresh device tree.
+void makeDataFolders();
+
 // Applies --root and the log options; called before any library use.
 void applyGlobalOptions();
 
@@ -59,6 +64,19 @@ void applyGlobalOptions();
 void blockStopSignals();
 // Waits for one of them.
 void waitForStop();
+
+// The whole of a file, or of standard input for "-"; Failure when it cannot
+// be read.
+std::string readInput(const std::string& path);
+
+// The exit status a Failure gives (1 unless a subcommand reserves 1 for a
+// result, as diff and find do, and takes 2 for errors).
+void setFailureStatus(int status);
+int failureStatus();
+
+// Asks "<what> Continue? [y/N]" on a terminal; without one, only `yes`
+// (the -y option) confirms.  Failure("not confirmed ...") otherwise.
+void requireConfirmation(const std::string& what, bool yes);
 
 // The absolute ID of a variable name, or Failure("NAME: no such variable").
 int32_t idOf(const std::string& name);

@@ -1,12 +1,15 @@
 // cmctl: read, change, watch, back up, restore, reset and check the
 // configuration of the gateway from a shell.
+#include <algorithm>
 #include <cstdio>
+#include <utility>
 #include <iostream>
 
 #include <configmanager/configmanager.h>
 
 #include "commands.h"
 #include "context.h"
+#include "suggest.h"
 
 namespace cmctl {
 namespace {
@@ -16,6 +19,25 @@ int g_exitStatus = kExitOk;
 std::string versionText() {
     return "cmctl " + std::to_string(CM_VERSION_MAJOR) + "." + std::to_string(CM_VERSION_MINOR) + "." +
            std::to_string(CM_VERSION_PATCH) + "." + std::to_string(CM_VERSION_BUILD);
+}
+
+// After a parse error: when the first word that is not an option names no
+// subcommand, the nearest one.
+void suggestSubcommand(CLI::App& app, int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        if (a == "--root") {
+            ++i;
+            continue;
+        }
+        if (a.empty() || a[0] == '-') continue;
+        std::vector<std::string> names;
+        for (const CLI::App* sub : std::as_const(app).get_subcommands([](const CLI::App*) { return true; }))
+            names.push_back(sub->get_name());
+        if (std::find(names.begin(), names.end(), a) != names.end()) return;
+        std::cerr << "cmctl: unknown subcommand '" << a << "'" << didYouMean(a, names) << "\n";
+        return;
+    }
 }
 
 }  // namespace
@@ -48,6 +70,8 @@ int main(int argc, char** argv) {
     addLookupCommands(app);
     addWatchCommand(app);
     addBackupCommands(app);
+    addExportCommands(app);
+    addSalvageCommand(app);
     addDefaultsCommand(app);
     addCheckCommands(app);
 
@@ -61,6 +85,7 @@ int main(int argc, char** argv) {
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
         app.exit(e);
+        suggestSubcommand(app, argc, argv);
         return kExitUsage;
     } catch (const UsageError& e) {
         std::fflush(stdout);
@@ -69,7 +94,7 @@ int main(int argc, char** argv) {
     } catch (const Failure& e) {
         std::fflush(stdout);
         std::cerr << "cmctl: " << e.what() << "\n";
-        return kExitFailed;
+        return failureStatus();
     }
     std::fflush(stdout);
     return g_exitStatus;

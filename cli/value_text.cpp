@@ -7,8 +7,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
 
 #include <configmanager/configmanager.h>
+#include <configmanager/cm_tools.h>
 
 #include "context.h"
 
@@ -47,6 +49,12 @@ std::string addressText(const ValueBuffer& b) {
     return text;
 }
 
+uint32_t defaultNumber(const VarInfo& v) {
+    ValueBuffer b;
+    CM_GetDataItemDefaultValue(v.id, b.data());
+    return numberOf(v, b);
+}
+
 [[noreturn]] void refuse(const VarInfo& v, const std::string& why) { throw Failure(v.name + ": " + why); }
 
 uint32_t parseNumber(const VarInfo& v, const std::string& text) {
@@ -59,7 +67,9 @@ uint32_t parseNumber(const VarInfo& v, const std::string& text) {
     const unsigned long long n = std::strtoull(s, &end, text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0 ? 16 : 10);
     if (*end != '\0') refuse(v, "not a number: '" + text + "'");
     if (errno == ERANGE || n > typeMax[v.type]) refuse(v, text + " does not fit in a " + typeName(v.type));
-    if (n < v.min || n > v.max)
+    // The catalogue gives some variables a default outside their bounds;
+    // that value is always accepted, so that every default can be written.
+    if ((n < v.min || n > v.max) && n != defaultNumber(v))
         refuse(v, text + " is out of range " + std::to_string(v.min) + ".." + std::to_string(v.max));
     return static_cast<uint32_t>(n);
 }
@@ -71,7 +81,46 @@ int hexDigit(char c) {
     return -1;
 }
 
+bool decodeHex(const char* digits, uint8_t* out, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+        const int hi = hexDigit(digits[2 * i]), lo = hi < 0 ? -1 : hexDigit(digits[2 * i + 1]);
+        if (hi < 0 || lo < 0) return false;
+        out[i] = static_cast<uint8_t>(hi << 4 | lo);
+    }
+    return true;
+}
+
+enum class Family { Any, V4, V6 };
+
+// A name that says which family it holds gets no other.
+Family familyOf(const VarInfo& v) {
+    if (v.name.find("IP4") != std::string::npos) return Family::V4;
+    if (v.name.find("IP6") != std::string::npos) return Family::V6;
+    return Family::Any;
+}
+
+constexpr int32_t kMac1Address = 224;
+
+// "CMF_NetworkData is damaged: run cmctl check", or "" for a good file.
+std::string fileProblem(int fileIndex) {
+    CM_FileInfo f{};
+    CM_FileCheck c{};
+    if (CM_Ext_GetFileInfo(fileIndex, &f) != 0 || CM_Ext_CheckFile(fileIndex, &c, nullptr, 0) != 0 || c.dwFaults == 0)
+        return "";
+    const char* base = std::strrchr(f.szPath, '/');
+    const std::string name = base ? base + 1 : f.szPath;
+    if (c.dwFaults & CM_FILE_MISSING) return name + " is missing: run cmctl check";
+    if (c.dwFaults & CM_FILE_UNREADABLE) return name + " cannot be read";
+    return name + " is damaged: run cmctl check";
+}
+
 }  // namespace
+
+bool isStoredPassword(const VarInfo& v, const std::string& text) {
+    uint8_t scratch[256];
+    return v.type == DT_PASSWORD && text.size() == 2 + 2 * v.size && text.rfind("0x", 0) == 0 &&
+           v.size <= sizeof scratch && decodeHex(text.c_str() + 2, scratch, v.size);
+}
 
 std::string formatValue(const VarInfo& v, const ValueBuffer& b, PasswordForm pw) {
     switch (v.type) {
@@ -100,34 +149,42 @@ ValueBuffer parseValue(const VarInfo& v, const std::string& text) {
             std::memcpy(b.data(), text.data(), text.size());
             break;
         case DT_OCTET_STRING: {
-            const std::string digits = text.rfind("0x", 0) == 0 ? text.substr(2) : text;
-            if (text.rfind("0x", 0) != 0 || digits.size() % 2 != 0)
-                refuse(v, "expected 0x and pairs of hexadecimal digits, up to " + std::to_string(v.size) + " bytes");
-            if (digits.size() / 2 > v.size) refuse(v, "longer than " + std::to_string(v.size) + " bytes");
-            for (size_t i = 0; i < digits.size(); i += 2) {
-                const int hi = hexDigit(digits[i]), lo = hexDigit(digits[i + 1]);
-                if (hi < 0 || lo < 0) refuse(v, "not hexadecimal: '" + text + "'");
-                b.bytes[i / 2] = static_cast<uint8_t>(hi << 4 | lo);
-            }
+            // Full length, so that no byte is kept from before without the
+            // writer seeing it.
+            const size_t n = std::min<size_t>(v.size, 256);
+            if (text.size() != 2 + 2 * n || text.rfind("0x", 0) != 0)
+                refuse(v, "expected 0x and " + std::to_string(2 * n) + " hexadecimal digits (" + std::to_string(n) +
+                              " bytes), not '" + text + "'");
+            if (!decodeHex(text.c_str() + 2, b.bytes.data(), n)) refuse(v, "not hexadecimal: '" + text + "'");
+            // The set path keeps only the six address bytes of the first MAC.
+            if (v.id == kMac1Address && (b.bytes[6] | b.bytes[7]) != 0)
+                refuse(v, "only the first 6 bytes are kept: the last 2 must be 00");
             break;
         }
         case DT_IPADDR: {
             // An empty text stores "no address".
             if (text.empty()) break;
+            const Family want = familyOf(v);
             sockaddr_in in{};
             sockaddr_in6 in6{};
-            if (inet_pton(AF_INET, text.c_str(), &in.sin_addr) == 1) {
+            if (want != Family::V6 && inet_pton(AF_INET, text.c_str(), &in.sin_addr) == 1) {
                 in.sin_family = AF_INET;
                 std::memcpy(b.data(), &in, sizeof in);
-            } else if (inet_pton(AF_INET6, text.c_str(), &in6.sin6_addr) == 1) {
+            } else if (want != Family::V4 && inet_pton(AF_INET6, text.c_str(), &in6.sin6_addr) == 1) {
                 in6.sin6_family = AF_INET6;
                 std::memcpy(b.data(), &in6, sizeof in6);
             } else {
-                refuse(v, "not an IPv4 or IPv6 address: '" + text + "'");
+                refuse(v, std::string("not an ") +
+                              (want == Family::V4 ? "IPv4" : want == Family::V6 ? "IPv6" : "IPv4 or IPv6") +
+                              " address: '" + text + "'");
             }
             break;
         }
         case DT_PASSWORD:
+            if (isStoredPassword(v, text)) {
+                decodeHex(text.c_str() + 2, b.bytes.data(), v.size);
+                break;
+            }
             if (text.size() > kMaxPassword) refuse(v, "password longer than " + std::to_string(kMaxPassword) + " characters");
             if (text.find('\0') != std::string::npos) refuse(v, "password holds a zero byte");
             std::memcpy(b.data(), text.data(), text.size());
@@ -140,7 +197,10 @@ ValueBuffer parseValue(const VarInfo& v, const std::string& text) {
 ValueBuffer readValue(const VarInfo& v) {
     ValueBuffer b;
     const int rc = CM_Get_Variable(v.id, b.data());
-    if (rc != 0) throw Failure(v.name + ": cannot read the value (result " + std::to_string(rc) + ")");
+    if (rc != 0) {
+        const std::string why = fileProblem(v.fileIndex);
+        throw Failure(v.name + ": " + (why.empty() ? "cannot read the value (result " + std::to_string(rc) + ")" : why));
+    }
     return b;
 }
 

@@ -28,10 +28,14 @@ inline constexpr const char* kPasswordMask = "********";
 
 std::string formatValue(const VarInfo& v, const ValueBuffer& value, PasswordForm pw = PasswordForm::Masked);
 
-// Parses `text` for variable v and checks it against the variable's size and
-// bounds.  A password is kept as plain text (the library enciphers it).
+// Parses `text` for variable v and checks it against the variable's size,
+// bounds and, for an address whose name says IP4 or IP6, its family.  An
+// octet string is "0x" and every byte in hexadecimal.  A password is kept as
+// plain text (the library enciphers it), unless the text is its enciphered
+// record in hexadecimal (isStoredPassword), which is decoded as it stands.
 // Throws Failure("NAME: reason") for a value the variable cannot hold.
 ValueBuffer parseValue(const VarInfo& v, const std::string& text);
+bool isStoredPassword(const VarInfo& v, const std::string& text);
 
 // Reads the current value / the default value; Failure when it cannot.
 ValueBuffer readValue(const VarInfo& v);

@@ -5,6 +5,7 @@
 #include <configmanager/configmanager.h>
 
 #include "context.h"
+#include "suggest.h"
 
 namespace cmctl {
 
@@ -38,6 +39,28 @@ const std::vector<VarInfo>& allVars() {
     return all;
 }
 
+namespace {
+
+std::vector<std::string> allNames() {
+    std::vector<std::string> names;
+    for (const VarInfo& v : allVars()) names.push_back(v.name);
+    return names;
+}
+
+}  // namespace
+
+const VarInfo* findVar(const std::string& name) {
+    int32_t id = -1;
+    if (name.empty() || CM_GetVarIdFromName(name.data(), static_cast<int>(name.size()), &id) != 0) return nullptr;
+    for (const VarInfo& v : allVars())
+        if (v.id == id) return &v;
+    return nullptr;
+}
+
+std::string unknownVariable(const std::string& name) {
+    return name + ": no such variable" + didYouMean(name, allNames());
+}
+
 std::vector<const VarInfo*> varsWithPrefix(const std::string& prefix) {
     std::vector<const VarInfo*> out;
     for (const VarInfo& v : allVars())
@@ -55,7 +78,8 @@ std::vector<const VarInfo*> selectVars(const std::vector<std::string>& args) {
             continue;
         }
         const auto matches = varsWithPrefix(a);
-        if (a.empty() || matches.empty()) throw Failure(a + ": no variable has this name or prefix");
+        if (a.empty() || matches.empty())
+            throw Failure(a + ": no variable has this name or prefix" + didYouMean(a, allNames()));
         for (const VarInfo* v : matches) chosen[v->id] = true;
     }
     std::vector<const VarInfo*> out;

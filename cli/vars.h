@@ -26,6 +26,9 @@ VarInfo varInfo(int32_t id);
 // Every variable in catalogue order (ascending absolute ID).
 const std::vector<VarInfo>& allVars();
 
+// The variable of that name, or nullptr.
+const VarInfo* findVar(const std::string& name);
+
 // Variables whose names start with `prefix` (all for an empty prefix).
 std::vector<const VarInfo*> varsWithPrefix(const std::string& prefix);
 
@@ -35,5 +38,8 @@ std::vector<const VarInfo*> varsWithPrefix(const std::string& prefix);
 std::vector<const VarInfo*> selectVars(const std::vector<std::string>& namesOrPrefixes);
 
 const char* typeName(uint32_t type);
+
+// "NAME: no such variable", with the nearest name when one is near.
+std::string unknownVariable(const std::string& name);
 
 }  // namespace cmctl

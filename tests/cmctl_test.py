@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""cmctl driven as a process against a private device tree.
+"""cmctl driven as a process against a private device tree, as a person would.
 
 Usage: cmctl_test.py PATH_TO_CMCTL [unittest options]
 
@@ -12,13 +12,15 @@ import os
 import select
 import shutil
 import signal
+import stat
 import subprocess
 import sys
 import tempfile
-import time
 import unittest
 
 CMCTL = None
+GENERAL = "/var/AppData/config/CMF_GeneralData"
+NETWORK = "/var/AppData/config/CMF_NetworkData"
 
 
 class Tree(unittest.TestCase):
@@ -29,165 +31,37 @@ class Tree(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.root, ignore_errors=True)
         self.ok("check", "--repair")
 
-    def run_cmctl(self, *args, stdin=None, timeout=60):
+    def run_cmctl(self, *args, stdin=None, user=None, timeout=60):
+        def drop():
+            os.setgid(65534)
+            os.setuid(65534)
         return subprocess.run([CMCTL, "--root", self.root, *args], input=stdin, capture_output=True, text=True,
-                              timeout=timeout)
+                              timeout=timeout, preexec_fn=drop if user else None)
 
     def ok(self, *args, **kw):
         r = self.run_cmctl(*args, **kw)
         self.assertEqual(r.returncode, 0, "cmctl %s: %s" % (" ".join(args), r.stderr))
         return r.stdout
 
+    def fails(self, status, *args, **kw):
+        r = self.run_cmctl(*args, **kw)
+        self.assertEqual(r.returncode, status, "cmctl %s: %s" % (" ".join(args), r.stderr))
+        return r.stderr
+
     def json(self, *args):
         return json.loads(self.ok("--json", *args))
 
-    def get(self, name):
-        return self.ok("get", name).rstrip("\n")
+    def get(self, *names):
+        return self.ok("get", *names).splitlines()
 
     def path(self, device_path):
         return os.path.join(self.root, device_path.lstrip("/"))
 
-
-class LookupAndUsage(Tree):
-    def test_info_and_find(self):
-        info = self.json("info", "UNIT_NAME")
-        self.assertEqual((info["id"], info["type"], info["size"], info["max"], info["default"]),
-                         (3254, "string", 44, 43, "Unknown"))
-        self.assertTrue(info["file"].endswith("/var/AppData/config/CMF_GeneralData"))
-        self.assertIn("defaults group:", self.ok("info", "UNIT_NAME"))
-        names = [v["name"] for v in self.json("find", "SNMP_READ_COMMUNITY")]
-        self.assertIn("SNMP_READ_COMMUNITY_2", names)
-        self.assertTrue(all("SNMP_READ_COMMUNITY" in n for n in names))
-        self.assertEqual(self.run_cmctl("find", "NO_SUCH_THING").returncode, 1)
-
-    def test_exit_status_and_messages(self):
-        cases = [
-            (["get", "NO_SUCH_VAR"], 1, "NO_SUCH_VAR: no such variable"),
-            ([], 2, ""),
-            (["frobnicate"], 2, ""),
-            (["get"], 2, ""),
-            (["defaults", "sometimes"], 2, ""),
-            (["show", "--bogus"], 2, ""),
-            (["--help"], 0, ""),
-            (["set", "--help"], 0, ""),
-            (["--version"], 0, ""),
-        ]
-        for args, status, message in cases:
-            with self.subTest(args=args):
-                r = self.run_cmctl(*args)
-                self.assertEqual(r.returncode, status, r.stderr)
-                self.assertIn(message, r.stderr)
-
-    def test_tree_without_master_is_refused_not_waited_for(self):
-        empty = tempfile.mkdtemp(prefix="cmctl-empty-")
-        self.addCleanup(shutil.rmtree, empty, ignore_errors=True)
-        r = subprocess.run([CMCTL, "--root", empty, "get", "UNIT_NAME"], capture_output=True, text=True, timeout=20)
-        self.assertEqual(r.returncode, 1)
-        self.assertIn("missing or empty", r.stderr)
-
-
-class Values(Tree):
-    def test_get_show_and_defaults_of_a_fresh_tree(self):
-        self.assertEqual(self.get("UNIT_NAME"), "Unknown")
-        self.assertEqual(self.json("get", "UNIT_NAME", "CM_FLAG"), {"UNIT_NAME": "Unknown", "CM_FLAG": "0"})
-        self.assertEqual(self.ok("get", "--default", "UNIT_NAME"), "Unknown\n")
-        shown = self.json("show", "SNMP_READ_COMMUNITY")
-        self.assertEqual(list(shown), [v["name"] for v in self.json("find", "SNMP_READ_COMMUNITY")])
-        self.assertEqual(list(shown)[:2], ["SNMP_READ_COMMUNITY", "SNMP_READ_COMMUNITY_2"])  # catalogue order
-        self.assertEqual(self.json("show", "--changed"), {})
-        self.assertEqual(self.run_cmctl("show", "NO_SUCH_PREFIX").returncode, 1)
-
-    def test_bad_values_are_refused_without_writing(self):
-        cases = [
-            ("UNIT_NAME", "x" * 44, "UNIT_NAME: text longer than 43 characters"),
-            ("CM_FLAG", "256", "CM_FLAG: 256 does not fit"),
-            ("LINE_INTERFACE_ALARM_STATUS_1", "6", "out of range 0..5"),
-            ("LINE_INTERFACE_ALARM_STATUS_1", "-1", "not a number"),
-            ("LINE_INTERFACE_ALARM_STATUS_1", "3x", "not a number"),
-            (self.first_of("ipaddr"), "10.0.0.256", "not an IPv4 or IPv6 address"),
-            (self.first_of("octet-string"), "0x123", "hexadecimal"),
-            (self.first_of("password"), "p" * 128, "password longer than 127"),
-        ]
-        for name, value, message in cases:
-            with self.subTest(name=name, value=value):
-                before = self.get(name)
-                r = self.run_cmctl("set", name, value)
-                self.assertEqual(r.returncode, 1)
-                self.assertIn(name + ":", r.stderr)
-                self.assertIn(message, r.stderr)
-                self.assertEqual(self.get(name), before)
-
-    def first_of(self, type_name):
-        for v in self.json("find", ""):
-            if self.json("info", v["name"])["type"] == type_name:
-                return v["name"]
-        self.fail("no variable of type " + type_name)
-
-    def test_set_each_type_and_show_changed(self):
-        pw = self.first_of("password")
-        cases = [("UNIT_NAME", "lab-gw", "lab-gw"), ("LINE_INTERFACE_ALARM_STATUS_1", "0x5", "5"),
-                 (self.first_of("ipaddr"), "192.0.2.7", "192.0.2.7"), (self.first_of("ipaddr"), "2001:db8::1", "2001:db8::1"),
-                 (pw, "s3cret", "********")]
-        for name, value, shown in cases:
-            with self.subTest(name=name, value=value):
-                self.ok("set", name, value)
-                self.assertEqual(self.get(name), shown)
-        self.assertEqual(self.ok("get", "--reveal", pw), "s3cret\n")
-        self.ok("set", "UNIT_NAME", "-", stdin="from-stdin\n")
-        self.assertEqual(self.get("UNIT_NAME"), "from-stdin")
-        self.assertEqual(self.json("show", "--changed", "UNIT_NAME"), {"UNIT_NAME": "from-stdin"})
-
-
-class Check(Tree):
-    GENERAL = "/var/AppData/config/CMF_GeneralData"
-
-    def check_general(self):
-        r = self.run_cmctl("--json", "check")
-        report = json.loads(r.stdout)
-        files = {os.path.basename(f["file"]): f for f in report["files"]}
-        return r.returncode, report["good"], files["CMF_GeneralData"]
-
-    def test_damage_is_found_and_repaired(self):
-        path = self.path(self.GENERAL)
-        with open(path, "rb") as f:
-            pristine = f.read()
-        self.assertEqual(self.check_general()[:2], (0, True))
-
-        def flip(data):
-            data = bytearray(data)
-            data[4 + 3] ^= 0x40  # length field of record 0
-            return bytes(data)
-
-        cases = [
-            ("truncated", lambda d: d[:-3], "too_short", None),
-            ("over-long", lambda d: d + b"\0" * 10, "too_long", None),
-            ("byte-flipped", flip, "bad_records", {"offset": 4, "expected_relative_id": 0, "found_relative_id": 0}),
-        ]
-        for what, damage, flag, record in cases:
-            with self.subTest(what):
-                with open(path, "wb") as f:
-                    f.write(damage(pristine))
-                status, good, f = self.check_general()
-                self.assertEqual((status, good, bool(f[flag])), (1, False, True))
-                if record:
-                    self.assertEqual({k: f["bad_records"][0][k] for k in record}, record)
-                    self.assertNotEqual(f["bad_records"][0]["found_length"], f["bad_records"][0]["expected_length"])
-                self.assertIn("CMF_GeneralData: was", self.ok("check", "--repair"))
-                self.assertEqual(self.check_general()[:2], (0, True))
-
-
-class Watch(Tree):
-    def test_watch_sees_another_process_and_ends_on_sigint(self):
-        proc = subprocess.Popen([CMCTL, "--root", self.root, "watch", "UNIT_NAME"], stdout=subprocess.PIPE,
-                                stderr=subprocess.PIPE, text=True)
-        self.addCleanup(lambda: (proc.poll() is None and proc.kill(), proc.wait(), proc.stdout.close(),
-                                 proc.stderr.close()))
-        self.assertIn("watching", self.read_line(proc.stderr))
-        self.ok("set", "UNIT_NAME", "changed-elsewhere")
-        line = self.read_line(proc.stdout)
-        self.assertRegex(line, r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} UNIT_NAME: Unknown -> changed-elsewhere$")
-        proc.send_signal(signal.SIGINT)
-        self.assertEqual(proc.wait(timeout=20), 0)
+    def write(self, name, text):
+        p = os.path.join(self.root, name)
+        with open(p, "w") as f:
+            f.write(text)
+        return p
 
     def read_line(self, stream, timeout=20):
         ready, _, _ = select.select([stream], [], [], timeout)
@@ -195,24 +69,190 @@ class Watch(Tree):
         return stream.readline().rstrip("\n")
 
 
-class BackupRestore(Tree):
-    def test_backup_restore_diff_and_defaults(self):
-        backup = os.path.join(self.root, "backup.txt")
-        self.ok("set", "UNIT_NAME", "before-backup")
-        self.ok("backup", backup)
-        to_stdout = self.ok("backup", "--octets", "-").splitlines()
-        self.assertEqual(to_stdout[0].split(" : ")[0], "SOFTWARE_VERSION")
-        self.assertIn("MAC1_ADDRESS : 0x0000000000000000", to_stdout)
-        with open(backup) as f:
-            self.assertNotIn("MAC1_ADDRESS", f.read())
-        self.ok("set", "UNIT_NAME", "after-backup")
-        r = self.run_cmctl("--json", "diff", backup)
-        self.assertEqual((r.returncode, [d["name"] for d in json.loads(r.stdout)]), (1, ["UNIT_NAME"]))
-        self.ok("defaults", "factory", "--yes")
-        self.assertEqual(self.get("UNIT_NAME"), "Unknown")
-        self.ok("restore", backup)
-        self.assertEqual(self.get("UNIT_NAME"), "before-backup")
-        self.assertEqual(self.json("diff", backup), [])
+class Usage(Tree):
+    def test_lookups_exit_statuses_and_suggestions(self):
+        info = self.json("info", "UNIT_NAME")
+        self.assertEqual([(i["id"], i["type"], i["size"], i["max"], i["default"]) for i in info],
+                         [(3254, "string", 44, 43, "Unknown")])
+        self.assertIn("SNMP_READ_COMMUNITY_2", [v["name"] for v in self.json("find", "SNMP_READ_COMMUNITY")])
+        cases = [
+            (["get", "UNIT_NAM"], 1, "UNIT_NAM: no such variable (did you mean UNIT_NAME?)"),
+            (["sett", "UNIT_NAME", "x"], 2, "unknown subcommand 'sett' (did you mean set?)"),
+            (["find", "NO_SUCH_THING"], 1, ""),
+            (["diff", "/no/such/file"], 2, "cannot read"),
+            (["get"], 2, ""),
+            (["defaults", "sometimes"], 2, ""),
+            (["defaults", "general"], 1, "add -y"),
+            (["--version"], 0, ""),
+        ]
+        for args, status, message in cases:
+            with self.subTest(args=args):
+                self.assertIn(message, self.fails(status, *args))
+
+    def test_second_master_refuses(self):
+        proc = subprocess.Popen([CMCTL, "--root", self.root, "master"], stderr=subprocess.PIPE, text=True)
+        self.addCleanup(lambda: (proc.poll() is None and proc.kill(), proc.wait(), proc.stderr.close()))
+        self.assertIn("master running", self.read_line(proc.stderr))
+        self.assertIn("another master is already running", self.fails(1, "master", timeout=20))
+        proc.send_signal(signal.SIGINT)
+        self.assertEqual(proc.wait(timeout=20), 0)
+
+
+class CheckedWrites(Tree):
+    REFUSED = [  # name, value, message; nothing may be written
+        ("UNIT_NAME", "x" * 44, "text longer than 43 characters"),
+        ("MTU_VALUE", "9000", "out of range 1280..1500"),
+        ("MTU_VALUE", "abc", "not a number"),
+        ("SNMP_MODE", "300", "does not fit"),
+        ("SNMP_MODE", "- 1", "not a number"),
+        ("IP4_SNMP_MGR", "2001:db8::1", "not an IPv4 address"),
+        ("IP6_SNMP_MGR", "10.0.0.256", "not an IPv6 address"),
+        ("MAC1_ADDRESS", "0x00112233", "16 hexadecimal digits"),
+        ("MAC1_ADDRESS", "0x0011223344556677", "last 2 must be 00"),
+        ("NO_SUCH_VAR", "1", "no such variable"),
+    ]
+
+    def snapshot(self):
+        return self.ok("export", "--volatile")
+
+    def test_each_refusal_is_reported_with_its_line_and_nothing_is_written(self):
+        before = self.snapshot()
+        lines = ["# a comment", "UNIT_NAME = written-if-all-good"] + ["%s = %s" % (n, v) for n, v, _ in self.REFUSED]
+        backup = ["SOFTWARE_VERSION : 1", "UNIT_NAME : written-if-all-good"] + \
+                 ["%s : %s" % (n, v) for n, v, _ in self.REFUSED if n != "NO_SUCH_VAR"]
+        forms = [
+            ("import", self.write("import.txt", "\n".join(lines) + "\n"), 3),
+            ("restore", self.write("backup.txt", "\n".join(backup) + "\n"), 3),
+        ]
+        for verb, path, first in forms:
+            with self.subTest(verb):
+                err = self.fails(1, verb, path)
+                for n, (name, _, message) in enumerate(r for r in self.REFUSED if verb == "import" or r[0] != "NO_SUCH_VAR"):
+                    self.assertIn("%s:%d: %s" % (path, first + n, name), err)
+                    self.assertIn(message, err)
+                self.assertIn("nothing written", err)
+        args = ["%s=%s" % (n, v) for n, v, _ in self.REFUSED]
+        err = self.fails(1, "set", "UNIT_NAME=x", *args)
+        for n, (name, _, message) in enumerate(self.REFUSED):
+            self.assertIn("argument:%d: %s" % (n + 2, name), err)
+        malformed = [('UNIT_NAME = "no end', "no closing quote"), ('UNIT_NAME = "\\q"', "unknown escape \\q"),
+                     ("just words", "not NAME = value"), ('UNIT_NAME = "a" b', "text after the closing quote")]
+        path = self.write("malformed.txt", "UNIT_NAME = ok\n" + "\n".join(line for line, _ in malformed) + "\n")
+        err = self.fails(1, "import", path)
+        for n, (_, message) in enumerate(malformed):
+            self.assertIn("%s:%d: %s" % (path, n + 2, message), err)
+        self.assertEqual(self.snapshot(), before)
+
+    def test_multi_set_reset_dry_run_and_filter(self):
+        self.ok("set", "UNIT_NAME=lab gw", "MTU_VALUE=1400", "IP6_SNMP_MGR=2001:db8::1")
+        self.assertEqual(self.get("UNIT_NAME", "MTU_VALUE", "IP6_SNMP_MGR"), ["lab gw", "1400", "2001:db8::1"])
+        self.assertEqual(self.json("get", "MTU_VALUE", "UNIT_NAME"), {"MTU_VALUE": 1400, "UNIT_NAME": "lab gw"})
+        self.ok("set", "--dry-run", "MTU_VALUE=1300")
+        self.ok("reset", "UNIT_NAME", "IP6_SNMP_MGR")
+        self.assertEqual(self.get("UNIT_NAME", "MTU_VALUE", "IP6_SNMP_MGR"), ["Unknown", "1400", ""])
+        backup = self.write("b.txt", "SOFTWARE_VERSION : 1\nUNIT_NAME : restored\nMTU_VALUE : 1300\n")
+        self.ok("restore", "--dry-run", backup)
+        self.assertIn("cannot read", self.fails(1, "restore", "--filter", "/no/such/filter", backup))
+        self.ok("restore", "--filter", self.write("filter.txt", "MTU_\n"), backup)
+        self.assertEqual(self.get("UNIT_NAME", "MTU_VALUE"), ["restored", "1400"])
+        self.assertEqual([d["name"] for d in json.loads(self.run_cmctl("--json", "diff", backup).stdout)],
+                         ["MTU_VALUE"])
+        self.fails(1, "diff", backup)
+
+
+class ExportImport(Tree):
+    VALUES = [  # one of each kind, away from its default
+        "UNIT_NAME= padded\ttab \\ \"quoted\" ",
+        "REMOTE_LOG_ADDRESS=caf\u00e9\nline",
+        "MAC1_ADDRESS=0xAABBCCDDEEFF0000",
+        "WAN_STREAMS_ERRCODE=0x" + "5A" * 190,
+        "CURRENT_FILE_TRANSFER_PASSWORD=s3cret",
+        "IP6_SNMP_MGR=2001:db8::7",
+        "IP4_SNMP_MGR=192.0.2.7",
+        "MTU_VALUE=1280",
+        "CMS_PORT_ADDRESS=65535",
+    ]
+
+    def test_whole_catalogue_round_trip_is_byte_identical(self):
+        self.ok("set", *self.VALUES)
+        self.ok("import", "-", stdin='UNIT_LOCATION = "\\xFF\\x01 not UTF-8"\n')  # JSON gives it as hex
+        for fmt in ([], ["--json"]):
+            with self.subTest(fmt=fmt):
+                first = self.ok(*fmt, "export", "--volatile")
+                self.ok("defaults", "factory", "-y")
+                self.assertNotEqual(self.ok(*fmt, "export", "--volatile"), first)
+                self.ok(*fmt, "import", "-", stdin=first)
+                self.assertEqual(self.ok(*fmt, "export", "--volatile"), first)
+        self.assertEqual(self.ok("get", "--reveal", "CURRENT_FILE_TRANSFER_PASSWORD"), "s3cret\n")
+        exported = self.ok("export")
+        self.assertIn('UNIT_NAME = " padded\\ttab \\\\ \\"quoted\\" "\n', exported)
+        self.assertIn("MAC1_ADDRESS = 0xAABBCCDDEEFF0000\n", exported)
+        self.assertNotIn("CURRENT_FILE_TRANSFER_PASSWORD", exported)  # volatile
+        self.assertEqual(self.json("export")["UNIT_LOCATION"], {"hex": "0xFF01206E6F74205554462D38"})
+
+
+class Damage(Tree):
+    def test_salvage_after_a_flipped_record_header(self):
+        self.ok("set", "SERVICE_AUTODISCOVERY=0", "UNIT_NAME=keep me", "CMS_PORT_ADDRESS=8080")
+        path = self.path(GENERAL)
+        with open(path, "r+b") as f:
+            f.seek(4 + 3)  # length field of the first record
+            f.write(b"\x40")
+        self.assertIn("CMF_GeneralData is damaged: run cmctl check", self.fails(1, "get", "SERVICE_AUTODISCOVERY"))
+        self.assertEqual(self.get("MTU_VALUE"), ["1500"])  # other files still read
+        self.assertIn("add -y", self.fails(1, "check", "--repair"))
+        self.ok("check", "--repair", "-y")
+        copy = path + ".damaged"
+        self.assertEqual(stat.S_IMODE(os.stat(copy).st_mode), 0o600)
+        self.assertEqual(self.get("UNIT_NAME", "CMS_PORT_ADDRESS"), ["Unknown", "9190"])
+        listed = {d["name"]: d["salvaged"] for d in self.json("salvage")}
+        self.assertEqual(listed, {"UNIT_NAME": "keep me", "CMS_PORT_ADDRESS": 8080})  # record 0 is lost
+        self.ok("salvage", "--apply")
+        self.assertEqual(self.get("UNIT_NAME", "CMS_PORT_ADDRESS"), ["keep me", "8080"])
+        self.assertEqual(self.json("salvage"), [])
+
+    def test_check_reports_values_out_of_bounds(self):
+        infos = self.json("info", *[v["name"] for v in self.json("find", "") if 256 <= v["id"] < 384])
+        mtu = next(i for i in infos if i["name"] == "MTU_VALUE")
+        at = 4 + sum(i["size"] + 4 for i in infos if i["relative_id"] < mtu["relative_id"]) + 4
+        with open(self.path(NETWORK), "r+b") as f:
+            f.seek(at)
+            f.write((9000).to_bytes(2, "big"))
+        r = self.run_cmctl("check")
+        self.assertEqual(r.returncode, 1)
+        self.assertIn("MTU_VALUE: 9000 is outside its bounds 1280..1500", r.stdout)
+
+
+@unittest.skipUnless(os.geteuid() == 0, "needs root to drop to an unprivileged user")
+class Unprivileged(Tree):
+    def test_reads_need_no_write_access(self):
+        os.chmod(self.root, 0o755)
+        self.ok("set", "UNIT_NAME=readable")
+        for verb in (["get", "UNIT_NAME"], ["show", "UNIT_"], ["export"], ["check"], ["info", "UNIT_NAME"]):
+            with self.subTest(verb=verb):
+                self.ok(*verb, user="nobody")
+        self.assertEqual(self.ok("get", "UNIT_NAME", user="nobody"), "readable\n")
+        self.assertIn("no write access", self.fails(1, "set", "UNIT_NAME=x", user="nobody"))
+        os.unlink(self.path(NETWORK))
+        self.assertIn("CMF_NetworkData is missing", self.fails(1, "get", "MTU_VALUE", user="nobody"))
+        self.assertEqual(self.ok("get", "UNIT_NAME", user="nobody"), "readable\n")
+
+
+class Watch(Tree):
+    def test_watch_reports_changes_and_masked_passwords(self):
+        proc = subprocess.Popen([CMCTL, "--root", self.root, "watch", "UNIT_NAME", "CURRENT_FILE_TRANSFER_PASSWORD"],
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.addCleanup(lambda: (proc.poll() is None and proc.kill(), proc.wait(), proc.stdout.close(),
+                                 proc.stderr.close()))
+        self.assertIn("watching", self.read_line(proc.stderr))
+        for name, value, shown in [("UNIT_NAME", "elsewhere", "Unknown -> elsewhere"),
+                                   ("CURRENT_FILE_TRANSFER_PASSWORD", "one", " -> ********"),
+                                   ("CURRENT_FILE_TRANSFER_PASSWORD", "two", "******** -> ********")]:
+            self.ok("set", name, value)
+            self.assertRegex(self.read_line(proc.stdout), r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} %s: %s$" %
+                             (name, shown.replace("*", r"\*")))
+        proc.send_signal(signal.SIGINT)
+        self.assertEqual(proc.wait(timeout=20), 0)
 
 
 if __name__ == "__main__":

@@ -135,6 +135,8 @@ TEST_F(Tags, EveryCacheDefectIsRebuilt) {
          "CM_Load_CMTagSortedList:  Bad data or error while reading file " + p + " line 7, so re-creating it, errno="},
         {"one number", withLine(2, "3 x"), "line 2, so re-creating it"},
         {"binary", std::string("Unknown\n\0\xff\x01 5\n", 13), "Bad data or error while reading file"},
+        {"rows out of order", [&] { auto c = sound; std::swap(c[5], c[6]); return join(c); }(),
+         "CM_Load_CMTagSortedList:  File " + p + " has entries out of order, so re-creating it.\n"},
     };
     __atomic_store_n(&g_iConsoleLog, 1, __ATOMIC_RELAXED);
     for (const auto& c : cases) {
@@ -177,15 +179,17 @@ TEST_F(Tags, QuestionableCachesThatAreAccepted) {
     EXPECT_EQ(cmtest::readFile(cache), join(c));
 }
 
-TEST_F(Tags, ACacheThatCannotBeWrittenFailsEveryLookup) {
+TEST_F(Tags, ACacheThatCannotBeWrittenLeavesLookupsWorking) {
     // The temporary path is a directory: it cannot be opened.
     ASSERT_EQ(mkdir(cm::paths::tagCacheTempFile(), 0755), 0);
     EXPECT_EQ(CM_TagMapping(), 0);
     EXPECT_TRUE(sink.contains("CM_TagMapping:" + std::string(cm::log::modulePath(cm::log::Module::FileAccess)) +
                               ":  Unable to open file " + cm::paths::tagCacheTempFile() + " for write operation\n"));
-    int32_t id;
-    EXPECT_EQ(CM_FindMatchingCMvarTag("UNIT_NAME", &id), -1);
-    EXPECT_EQ(cm::tags::bSortedListLoaded, 0) << "retried at the next lookup";
+    // The table sorted in memory serves the lookups all the same.
+    int32_t id = -1;
+    EXPECT_EQ(CM_FindMatchingCMvarTag("UNIT_NAME", &id), 0);
+    EXPECT_EQ(id, UNIT_NAME);
+    EXPECT_EQ(cm::tags::bSortedListLoaded, 0);
     ASSERT_EQ(rmdir(cm::paths::tagCacheTempFile()), 0);
 
     // The final path is a directory: the rename fails and neither file stays.

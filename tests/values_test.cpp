@@ -100,6 +100,8 @@ TEST_F(Values, ParsedTextsAreStoredAndPrintedBack) {
         {CURRENT_IP4_SUBNET_MASK, "010", 1, "8", "DWORD: 8 (unsigned 8) (0x00000008)"},
         {CURRENT_IP4_SUBNET_MASK, "-2", 1, "4294967294", "DWORD: -2 (unsigned 4294967294) (0xFFFFFFFE)"},
         {CURRENT_IP4_SUBNET_MASK, "0x123456789", 1, "4294967295", "DWORD: -1 (unsigned 4294967295) (0xFFFFFFFF)"},
+        // Blanks after the sign: refused, nothing written (strtoul would negate the 5).
+        {CURRENT_IP4_SUBNET_MASK, "- 5", -1, "4294967295", "DWORD: -1 (unsigned 4294967295) (0xFFFFFFFF)"},
         {CURRENT_DOMAIN_NAME, "a&amp;b&amp;&lt;", 1, "a&b&&lt;", "a&b&&lt;"},
         {CURRENT_DOMAIN_NAME, "a&b&&lt;", 0, "a&b&&lt;", "a&b&&lt;"},
         // Octet strings take the text's own bytes, unlike their "0x" bare form.

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The library at work in a temporary device tree, driven by cmctl:
 #   a master process, a watcher process printing changes as they happen, and
-#   cmctl calls from a third process that set, refuse, back up, reset,
-#   restore, show, damage, check and repair.
+#   cmctl calls from a third process that set, refuse, export, reset,
+#   import, show, damage, check, repair and salvage.
 # Usage: tools/demo.sh BUILD_DIR   (make demo runs it).  DEMO_PAUSE=0 skips
 # the pauses.  Everything happens under one temporary directory, removed at
 # the end, whatever happens.
@@ -82,23 +82,22 @@ run set UNIT_NAME "a-name-far-too-long-for-the-forty-three-characters-it-may-hav
 run set IP4_SNMP_MGR 192.0.2.300 || echo "   (exit status $?)"
 pause
 
-say "5. A backup, then a reset to factory defaults"
-# Without --octets: a restore writes octet strings back as the text it reads,
-# so a backup meant for restoring leaves them (and passwords) out.
-run backup "$ROOT/backup.txt"
-grep -E '^(SOFTWARE_VERSION|UNIT_NAME|MTU_VALUE|IP4_SNMP_MGR) ' "$ROOT/backup.txt" | sed 's/^/   /'
+say "5. An export, then a reset to factory defaults"
+run export "$ROOT/config.txt"
+grep -E '^(UNIT_NAME|MTU_VALUE|IP4_SNMP_MGR|MAC1_ADDRESS) ' "$ROOT/config.txt" | sed 's/^/   /'
 run defaults factory --yes
 seen=$((seen + 4))
 watcher_saw "$seen"
 run show --changed
 pause
 
-say "6. Restore from the backup; the watcher sees the values come back"
-run restore "$ROOT/backup.txt"
+say "6. Import checks every line first: one bad line, nothing written"
+sed 's/^MTU_VALUE = .*/MTU_VALUE = 9000/' "$ROOT/config.txt" >"$ROOT/bad.txt"
+run import "$ROOT/bad.txt" || echo "   (exit status $?)"
+run import "$ROOT/config.txt"
 seen=$((seen + 3))
 watcher_saw "$seen"
 run show --changed
-run diff "$ROOT/backup.txt" && echo "   (no differences)"
 pause
 
 say "7. The processes stop; a data file is damaged by hand"
@@ -111,9 +110,19 @@ echo "   flipped byte 7 (the length of the first record) of $FILE"
 run check || echo "   (exit status $?)"
 pause
 
-say "8. check --repair starts as the master, which mends the file"
-run check --repair
-run check >/dev/null && echo "   all ten data files good"
+say "8. Reads of the other files still work; the damaged one is named"
+run get MTU_VALUE
+run get UNIT_NAME || echo "   (exit status $?)"
+pause
+
+say "9. check --repair -y: the master rewrites the file, keeping its bytes as .damaged"
+run check --repair -y
+run get UNIT_NAME
+pause
+
+say "10. salvage finds the values the rewrite reset, and puts them back"
+run salvage
+run salvage --apply
 run get UNIT_NAME
 echo
 echo "Done; the temporary tree is removed."

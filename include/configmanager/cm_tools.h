@@ -72,6 +72,15 @@ typedef struct CM_FileCheck {
 CM_EXPORT int CM_Ext_CheckFile(int32_t iFileIndex, CM_FileCheck* pCheck, CM_RecordFault* pFaults,
                                int32_t iMaxFaults);
 
+/* Extension.  A start for a process that only reads the configuration, and
+ * may not be allowed to write it: as CM_initNoRegister (iWatch 0) or as
+ * CM_init(0) with the watch thread (iWatch non-zero), except that the data
+ * files are opened for reading only and never waited for (a missing one
+ * stays closed, its variables fail to read), locks are read locks, nothing
+ * is created (no tag cache) and nothing is synced at CM_Exit.  Sets fail.
+ * Ended by CM_Exit like any start.  Results as CM_init. */
+CM_EXPORT int CM_Ext_InitReadOnly(int iWatch);
+
 /* Extension.  Sends every message the library writes (console and
  * system-log channel alike) to descriptor fd, one line each; -1 restores the
  * normal channels.  The log gate still decides which messages are written. */

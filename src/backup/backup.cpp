@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -62,11 +63,15 @@ int backupConfig(const char* path, bool includeVolatile, bool includeOctetData) 
             writeValueLine(fp, f, rel, includeOctetData);
         }
     }
-    // Errors of the single writes are not tested; the data is synced before
-    // the caller is told the backup is complete.
-    std::fflush(fp);
-    fsync(fileno(fp));
-    std::fclose(fp);
+    // A write, flush or sync that failed (a full disk) leaves a cut file that
+    // would look complete: it is removed and the backup fails.
+    const bool written = !std::ferror(fp) && std::fflush(fp) == 0 &&
+                         (fsync(fileno(fp)) == 0 || errno == EINVAL);  // EINVAL: cannot be synced
+    if (std::fclose(fp) != 0 || !written) {
+        log::syslogDirect(3, "Unable to write %s completely, removed it\n", path);
+        std::remove(path);
+        return -1;
+    }
     return 0;
 }
 

@@ -1,5 +1,6 @@
 // C entry points of start and stop.
 #include "configmanager/cm_lifecycle.h"
+#include "configmanager/cm_tools.h"
 #include "lifecycle/shutdown.h"
 #include "lifecycle/start.h"
 
@@ -9,6 +10,7 @@ extern "C" {
 
 CM_EXPORT int CM_init(int iMaster) { return lifecycle::init(iMaster); }
 CM_EXPORT int CM_initNoRegister(void) { return lifecycle::initNoRegister(); }
+CM_EXPORT int CM_Ext_InitReadOnly(int iWatch) { return lifecycle::initReadOnly(iWatch); }
 CM_EXPORT int CM_Exit(void) { return lifecycle::exit(); }
 CM_EXPORT int CM_Exit_Delayed(void) { return lifecycle::exitDelayed(); }
 CM_EXPORT void CM_SetAsMaster(void) { lifecycle::setAsMaster(); }

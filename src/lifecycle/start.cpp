@@ -166,10 +166,22 @@ int fileAccessInitNoRegister() {
     return result;
 }
 
+int initReadOnly(int iWatch) {
+    if (ucCMInitialised != 0) {
+        alreadyStartedWarning("CM_Ext_InitReadOnly");
+        return CM_ERR_ALREADY_STARTED;
+    }
+    bReadOnly = 1;
+    const int rc = iWatch != 0 ? init(0) : initNoRegister();
+    if (!started()) bReadOnly = 0;
+    return rc;
+}
+
 int exit() {
     if (notStarted("CM_Exit")) return CM_ERR_NOT_STARTED_OR_ID;
     ucCMInitialised = 0;
     cleanUp();
+    bReadOnly = 0;
     return CM_OK;
 }
 
@@ -177,6 +189,7 @@ int exitDelayed() {
     if (notStarted("CM_Exit_Delayed")) return CM_ERR_NOT_STARTED_OR_ID;
     ucCMInitialised = 0;
     kill();
+    bReadOnly = 0;
     return CM_OK;
 }
 

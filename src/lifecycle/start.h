@@ -6,6 +6,9 @@ namespace cm::lifecycle {
 
 int init(int iMaster);
 int initNoRegister();
+// The read-only start: initNoRegister (iWatch 0) or init(0) (iWatch non-zero)
+// with files opened for reading only.
+int initReadOnly(int iWatch);
 int fileAccessInit();
 int fileAccessInitNoRegister();
 int exit();

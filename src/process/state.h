@@ -17,6 +17,9 @@ extern std::atomic<uint8_t> ucCMInitialised;  // 0 not started, 2 started
 extern std::atomic<uint8_t> bCMmaster;        // this process creates and repairs files
 extern std::atomic<uint8_t> s_bKillCM;        // tells the watch thread to end
 extern std::atomic<int> inotifyfd;            // the process's inotify descriptor, -1 when none
+// A read-only start: files opened for reading only, read locks, nothing
+// created and nothing synced.
+extern std::atomic<uint8_t> bReadOnly;
 
 // Recursive; serialises the full start and the get and set operations.
 extern pthread_mutex_t mCMMutex;
@@ -29,6 +32,7 @@ void renewLocksAfterFork();
 
 inline bool started() { return ucCMInitialised.load(std::memory_order_relaxed) >= kStarted; }
 inline bool isMaster() { return bCMmaster.load(std::memory_order_relaxed) != 0; }
+inline bool readOnly() { return bReadOnly.load(std::memory_order_relaxed) != 0; }
 inline bool killRequested() { return s_bKillCM.load(std::memory_order_relaxed) != 0; }
 
 }  // namespace cm::process

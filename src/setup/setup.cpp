@@ -1,4 +1,5 @@
 #include "setup/setup.h"
+#include "setup/damaged_copy.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -195,6 +196,7 @@ int initialiseDataStruct(int i, bool bInitPrev, bool bStartWatch) {
 }
 
 int repairFromDefaults(int i, bool bInitPrev, const char* fn, bool logAlways) {
+    keepDamagedCopy(i);
     const int rc = writeDefaultData(i, false, bInitPrev);
     if (rc == 0 || logAlways)
         CM_LOG(log::kWarn, fn, "CM data file [%d] '%s' set to defaults for all its CM vars (ID=%d to %d), to fix data errors.\n",

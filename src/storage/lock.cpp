@@ -12,6 +12,7 @@
 
 #include "log/log.h"
 #include "platform/env.h"
+#include "process/state.h"
 #include "storage/file_state.h"
 
 namespace cm::storage {
@@ -80,7 +81,9 @@ void unlockMutex(int i, const char* fn) {
 
 int lockRange(int i, off_t start, off_t length, const char* fn) {
     const int fd = fdRead[i];
-    if (setLock(fd, F_WRLCK, F_SETLKW, start, length) == 0) return 0;
+    // A descriptor open for reading only can take only read locks.
+    const short type = process::readOnly() ? F_RDLCK : F_WRLCK;
+    if (setLock(fd, type, F_SETLKW, start, length) == 0) return 0;
     int err = errno;
     // Interrupted, deadlock-detected or out-of-locks requests are retried
     // for as long as it takes; the messages alternate between information
@@ -100,7 +103,7 @@ int lockRange(int i, off_t start, off_t length, const char* fn) {
             attempts = 0;
         }
         platform::env().sleepFor(std::chrono::microseconds(waitUs));
-        if (setLock(fd, F_WRLCK, F_SETLKW, start, length) == 0) return 0;
+        if (setLock(fd, type, F_SETLKW, start, length) == 0) return 0;
         err = errno;
     }
     errno = err;

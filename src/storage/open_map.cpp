@@ -57,18 +57,20 @@ int openFile(int i) {
     // it.  Its length is checked all the same.
     int fd = fdRead[i];
     off_t checkedSize = -1;  // the length the safe open's check saw, when it opened
+    const bool readOnly = process::readOnly();
     if (fd < 0) {
         // The master creates the files; until it has, wait without limit,
         // complaining louder the longer it takes.
         unsigned waited = 0;
         platform::OpenResult r;
-        while (!(r = platform::openExisting(path, O_RDWR)).ok()) {
+        while (!(r = platform::openExisting(path, readOnly ? O_RDONLY : O_RDWR)).ok()) {
             if (r.refused()) {
                 logRefused(fn, i, path, r.fault, false);
                 bBadFile[i] = 1;
                 return -1;
             }
-            if (r.err != ENOENT) {
+            // A read-only start waits for no master: a missing file is reported.
+            if (r.err != ENOENT || readOnly) {
                 CM_LOG(log::kErr, fn, "PID=%d. CM data file [%d] '%s' cannot be opened for reading, errno=%d '%s'\n",
                        getpid(), i, path, r.err, std::strerror(r.err));
                 return -1;
@@ -98,7 +100,7 @@ int openFile(int i) {
                    path, err, std::strerror(err));
             return -1;
         }
-        if (st.st_size != 0) break;
+        if (st.st_size != 0 || readOnly) break;
         CM_LOG_TAGGED(log::kWarn,
                       "CM_OpenFile, PID=%d. File '%s' opened but has zero length - wait 1 sec for someone to fill it "
                       "then retry\n",

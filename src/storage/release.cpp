@@ -32,7 +32,7 @@ void releaseFile(int i, bool destroyMutex) {
     }
     const int fd = fdRead[i].exchange(-1);
     if (fd >= 0) {
-        fsync(fd);
+        if (!process::readOnly()) fsync(fd);
         close(fd);
     }
     if (rc == 0) pthread_mutex_unlock(&mtxFile[i]);

@@ -12,6 +12,7 @@
 #include "log/log.h"
 #include "platform/paths.h"
 #include "platform/safe_open.h"
+#include "process/state.h"
 #include "tags/software_version.h"
 #include "tags/tag_table.h"
 
@@ -31,6 +32,19 @@ void discard(FILE* fp, const char* tmp) {
 int rebuild(FILE* fp) {
     if (fp) std::fclose(fp);
     return tagMapping();
+}
+
+// The bisection needs the rows in tag order; rows that name no entry (kept
+// as a cache line gave them) are passed over.
+bool inOrder() {
+    const char* prev = nullptr;
+    for (const TagEntry& row : Tag_FileIndex_Id) {
+        const char* t = rowTag(row);
+        if (t == nullptr) continue;
+        if (prev != nullptr && std::strcmp(prev, t) >= 0) return false;
+        prev = t;
+    }
+    return true;
 }
 
 // The cache files are created afresh, never written through an entry found
@@ -60,6 +74,7 @@ FILE* openSound(const char* path, const char* fn) {
 
 int writeCache() {
     constexpr const char* fn = "CM_TagMapping";
+    if (process::readOnly()) return 0;  // creates nothing; the sorted table serves
     char version[kVersionBuf];
     if (readSoftwareVersion(version) != 0) return 0;
 
@@ -135,7 +150,11 @@ int loadSortedList() {
     for (int i = 0;; ++i) {
         if (std::feof(fp)) {
             std::fclose(fp);
-            if (i == kNumTags) return 1;
+            if (i == kNumTags) {
+                if (inOrder()) return 1;
+                CM_LOG(log::kWarn, fn, "File %s has entries out of order, so re-creating it.\n", path);
+                return rebuild(nullptr);
+            }
             CM_LOG(log::kWarn, fn, "Processed %d CM var entries from file %s but expected %d, so re-creating it.\n", i,
                    path, kNumTags);
             return rebuild(nullptr);

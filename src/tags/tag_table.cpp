@@ -14,6 +14,7 @@ namespace cm::tags {
 
 TagEntry Tag_FileIndex_Id[kNumTags];
 uint8_t bSortedListLoaded = 0;
+bool g_sortedInMemory = false;
 
 namespace {
 
@@ -58,12 +59,15 @@ int tagMapping() {
     }
     CM_LOG_TAGGED(log::kInfo, "There are %d total CM variables in the system.", kNumTags);
     std::qsort(Tag_FileIndex_Id, kNumTags, sizeof(TagEntry), compareVarNames);
+    g_sortedInMemory = true;
     return writeCache();
 }
 
 int findMatchingTag(const char* tag, int32_t* absId) {
-    if (bSortedListLoaded == 0) bSortedListLoaded = static_cast<uint8_t>(loadSortedList());
-    if (bSortedListLoaded != 1) return -1;
+    if (bSortedListLoaded == 0 && !g_sortedInMemory) bSortedListLoaded = static_cast<uint8_t>(loadSortedList());
+    // A cache that cannot be written (a read-only or full disk) does not
+    // stop lookups: the table sorted in memory serves them.
+    if (bSortedListLoaded != 1 && !(bSortedListLoaded == 0 && g_sortedInMemory)) return -1;
     if (tag == nullptr || absId == nullptr) return -1;
 
     int low = 0, high = kNumTags;
@@ -119,6 +123,9 @@ int findFileIndexRelativeId(const char* tag, int32_t* fileIndex, int32_t* relId)
     return 0;
 }
 
-void resetLoadedFlag() { bSortedListLoaded = 0; }
+void resetLoadedFlag() {
+    bSortedListLoaded = 0;
+    g_sortedInMemory = false;
+}
 
 }  // namespace cm::tags

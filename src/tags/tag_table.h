@@ -29,6 +29,10 @@ struct TagEntry {
 extern TagEntry Tag_FileIndex_Id[kNumTags];
 // 0 until the first lookup, then the result of loading (1 ready).
 extern uint8_t bSortedListLoaded;
+// Set once the table in memory is sorted from the catalogue, whether or not
+// its cache could be written: lookups then use it and the load is not tried
+// again at every lookup.
+extern bool g_sortedInMemory;
 
 // The tag of a row, or nullptr when the row names no catalogue entry.
 const char* rowTag(const TagEntry& row);

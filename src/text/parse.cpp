@@ -51,6 +51,13 @@ uint32_t parseUlong32(const char* s) {
     return negative ? static_cast<uint32_t>(0u - v) : v;
 }
 
+// A sign with blanks after it ("- 5"): strtoul would skip the blanks and
+// negate, storing 4294967291; such a text is refused instead.
+bool blankAfterSign(const char* s) {
+    while (std::isspace(static_cast<unsigned char>(*s))) ++s;
+    return (*s == '+' || *s == '-') && std::isspace(static_cast<unsigned char>(s[1]));
+}
+
 // Turns every "&amp;" into "&" while copying at most `size` - 1 characters.
 void decodeAmp(char* out, std::size_t size, const char* in) {
     std::size_t n = 0;
@@ -120,6 +127,7 @@ int valueFromText(int32_t id, const char* text) {
 
     // Every converted value fits a record; built on the stack.
     alignas(4) uint8_t value[storage::kMaxRecordData + 1] = {};
+    if (e.ucDataType <= DT_DWORD && blankAfterSign(text)) return -1;
     switch (e.ucDataType) {
     case DT_OCTET:
         value[0] = static_cast<uint8_t>(parseLong32(text));
