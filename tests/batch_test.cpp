@@ -105,8 +105,6 @@ TEST_F(Batch, EndWithoutQueuesReportsBothAndSendsNothing) {
     EXPECT_EQ(CM_End_Batch_Data_Change(&endQ, &filesQ), -13);
     EXPECT_TRUE(log.contains("Invalid (files) msg Q id (-1)\n"));
     EXPECT_TRUE(log.contains("Invalid (End) msg Q id (-1)\n"));
-    EXPECT_EQ(CM_End_Batch_Data_Change(nullptr, &filesQ), -13);
-    EXPECT_EQ(CM_Start_Batch_Data_Change(&endQ, nullptr), -21);
 }
 
 TEST_F(Batch, ProfileDownloadHoldsBackOrdinarySets) {

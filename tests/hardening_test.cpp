@@ -1,7 +1,6 @@
 // The running core under deletion, shrinking files, forks, restarts and a
-// full inotify queue.  Scenarios that could hang or kill the process run in
-// a forked child with an alarm: its exit status is the verdict (0 = all held,
-// n = check n failed, a signal = hang or crash).
+// full inotify queue.  Scenarios that could hang or crash run in a forked
+// child with an alarm; its exit status n > 0 names the failed check.
 #include <malloc.h>
 
 #include <climits>
@@ -16,8 +15,7 @@ using namespace cm;
 using cmtest::inChild;
 using cmtest::kChildOk;
 
-// realloc can be made to fail for large blocks, to reach the private copy's
-// allocation failure.  Not under the sanitizers, which own the allocator.
+// realloc fails for large blocks on demand (not under the sanitizers, which own the allocator).
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 #define CM_TEST_FAILING_REALLOC 1
 static std::atomic<size_t> g_failReallocFrom{SIZE_MAX};
@@ -79,9 +77,8 @@ protected:
     off_t correct() const { return storage::correctLength(kCt); }
 };
 
-// A file unlinked every 20 ms while two threads read it; and a file given
-// extra bytes again and again (which the master cuts) while threads read a
-// good record: every re-creation completes and no read of the good record fails.
+// A file unlinked every 20 ms, then given extra bytes (which the master cuts)
+// again and again, under readers: it always comes back, good records always read.
 TEST_F(Hardening, ReadersSurviveDeletionAndRepeatedSetUps) {
     EXPECT_EQ(inChild([&] {
         if (CM_init(1) != 0) return 1;
@@ -102,9 +99,8 @@ TEST_F(Hardening, ReadersSurviveDeletionAndRepeatedSetUps) {
     }, 30), kChildOk);
 }
 
-// A file cut to 100 bytes under a master with readers, under a process with
-// no watch thread, and under a non-master whose watch thread then diffs it:
-// reads past the cut fail, nothing raises SIGBUS.
+// A file cut to 100 bytes under a master with readers, a process without a watch
+// thread and a non-master that diffs it: reads past the cut fail, never SIGBUS.
 TEST_F(Hardening, ShrinkingAFileUnderAMappingNeverRaisesSigbus) {
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "under the thread sanitizer a SIGBUS in a forked child is not handed to the guard";
@@ -141,8 +137,7 @@ TEST_F(Hardening, ShrinkingAFileUnderAMappingNeverRaisesSigbus) {
     }, 30), kChildOk);
 }
 
-// A child forked after the start (while other threads read) stops and
-// restarts the library; the parent's watch thread goes on hearing changes.
+// A child forked after the start (under readers) restarts; the parent still hears changes.
 TEST_F(Hardening, ChildForkedAfterStartCanRestart) {
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the thread sanitizer cannot follow threads started in a child of a threaded process";
@@ -262,9 +257,8 @@ int descriptorsOf(const std::string& path) {
     return n;
 }
 
-// Opening an open file again keeps its one descriptor; a file deleted again
-// (the moment the master has re-created it, before its new watch is in
-// place) is still noticed and re-created.
+// Opening an open file again keeps its one descriptor; a file deleted again the
+// moment the master re-created it (before its new watch) still comes back.
 TEST_F(Hardening, ReopenedFilesKeepTheirDescriptorAndRedeletedOnesComeBack) {
     std::atomic<bool> armed{false}, done{false};
     OnMessage redelete(std::string("created"), [&] {
@@ -284,10 +278,8 @@ TEST_F(Hardening, ReopenedFilesKeepTheirDescriptorAndRedeletedOnesComeBack) {
     CM_Exit();
 }
 
-// While a callback blocks the watch thread, two other files are written in
-// turn until the kernel's event queue overflows, and then a third once: its
-// event is dropped, yet its change still arrives, read live and as the watch
-// thread saw it.
+// While a callback blocks the watch thread, writes overflow the kernel's event
+// queue; a later change whose event is dropped still arrives, live and as seen.
 TEST_F(Hardening, OverflowingTheEventQueueLosesNoChange) {
     static std::atomic<bool> release{false}, blocked{false};
     static std::atomic<uint32_t> live{0}, seen{0};

@@ -51,9 +51,8 @@ void writeBytes(const std::string& path, const Bytes& b) {
     close(fd);
 }
 
-// Runs the set-up of file `index` in a forked process and, with readAll,
-// reads every record afterwards.  Its exit status is the set-up's result (255 for -1);
-// negative for a signal, ChildLink::kHung when it did not end in time.
+// The set-up of file `index` (then, with readAll, every read) in a forked
+// process: its result (255 for -1), minus a signal, or ChildLink::kHung.
 int setUpInChild(const std::string& root, int index, bool master, bool readAll) {
     std::fflush(nullptr);
     const pid_t pid = fork();
