@@ -1,19 +1,6 @@
 // Log settings that follow their variables across processes, and the text
 // of remote log events.
-#include <gtest/gtest.h>
-#include <arpa/inet.h>
-#include <netinet/in.h>
-
-#include <string>
-
 #include "applog/remote_log.h"
-#include "catalogue/lookup.h"
-#include "configmanager/applog.h"
-#include "configmanager/applog_settings.h"
-#include "configmanager/cm_getset.h"
-#include "configmanager/cm_lifecycle.h"
-#include "configmanager/cm_vars.h"
-#include "log/log.h"
 #include "notify/registry.h"
 #include "support/agent.h"
 #include "support/test_support.h"
@@ -22,41 +9,20 @@ namespace {
 
 // Writes a number in the width of the variable's type.
 int setNumber(int32_t id, uint32_t v) {
-    cm::catalogue::Location loc{};
-    if (!cm::catalogue::locate(id, loc)) return -1;
     const uint8_t u8 = static_cast<uint8_t>(v);
     const uint16_t u16 = static_cast<uint16_t>(v);
-    switch (cm::catalogue::entry(loc.iFileIndex, loc.iVarID_Rel).ucDataType) {
+    switch (cmtest::entryOf(id).ucDataType) {
         case DT_OCTET: return CM_Set_Variable_CMI(id, &u8, 0);
         case DT_WORD: return CM_Set_Variable_CMI(id, &u16, 0);
         default: return CM_Set_Variable_CMI(id, &v, 0);
     }
 }
 
-int setAddress(int32_t id, int family, const char* text) {
-    sockaddr_in6 sa{};
-    sa.sin6_family = static_cast<sa_family_t>(family);
-    if (family == AF_INET)
-        inet_pton(AF_INET, text, &reinterpret_cast<sockaddr_in*>(&sa)->sin_addr);
-    else
-        inet_pton(AF_INET6, text, &sa.sin6_addr);
-    return CM_Set_Variable_CMI(id, &sa, 0);
-}
-
 class Applog : public ::testing::Test {
 protected:
-    void SetUp() override {
-        cmtest::resetLibraryState();
-        cm::notify::clearRegistry();
-        cm::log::oApplogState = 0;
-    }
-    void TearDown() override {
-        cmtest::resetLibraryState();
-        cm::log::oApplogState = 0;
-    }
-    void start() {
-        ASSERT_EQ(CM_init(1), 0);
-    }
+    void SetUp() override { TearDown(), cm::notify::clearRegistry(); }
+    void TearDown() override { cmtest::resetLibraryState(), cm::log::oApplogState = 0; }
+    void start() { ASSERT_EQ(CM_init(1), 0); }
     cmtest::TempRoot root;
 };
 
@@ -76,8 +42,8 @@ TEST_F(Applog, RemoteLogEventText) {
     ASSERT_EQ(CM_Set_Variable_CMI(UNIT_NAME, "gw %n%s 100%", 0), 0);
     const uint8_t mac[8] = {0x00, 0x11, 0x22, 0xAA, 0xBB, 0xCC, 0, 0};
     ASSERT_EQ(CM_Set_Variable_CMI(MAC1_ADDRESS, mac, 0), 0);
-    ASSERT_EQ(setAddress(CURRENT_IP4_ADDRESS, AF_INET, "10.1.2.3"), 0);
-    ASSERT_EQ(setAddress(CURRENT_IP6_ADDRESS, AF_INET6, "2001:db8::1"), 0);
+    ASSERT_EQ(CM_PutDataItemFromString(CURRENT_IP4_ADDRESS, "10.1.2.3"), 1);
+    ASSERT_EQ(CM_PutDataItemFromString(CURRENT_IP6_ADDRESS, "2001:db8::1"), 1);
     ASSERT_EQ(Applog_init(GENERAL_LOG_MODE, GENERAL_LOG_FILTER), 0);
     EXPECT_EQ(Applog_init(GENERAL_LOG_MODE, GENERAL_LOG_FILTER), -1);
 

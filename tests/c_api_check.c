@@ -10,23 +10,15 @@
 #include <configmanager/cm_host.h>
 #include <configmanager/configmanager.h>
 
-/* Written by the watch thread, read by main. */
-static int s_changes;
-
-static int changes(void) { return __atomic_load_n(&s_changes, __ATOMIC_SEQ_CST); }
+static int s_changes; /* written by the watch thread, read by main */
 
 static int on_change(int32_t id) {
     if (id == UNIT_NAME) __atomic_add_fetch(&s_changes, 1, __ATOMIC_SEQ_CST);
     return 0;
 }
 
-#define CHECK(cond)                                                   \
-    do {                                                              \
-        if (!(cond)) {                                                \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            return 1;                                                 \
-        }                                                             \
-    } while (0)
+#define CHECK(cond) \
+    if (!(cond)) return fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond), 1
 
 int main(void) {
     char root[] = "/tmp/cm-c-check.XXXXXX";
@@ -34,6 +26,7 @@ int main(void) {
     int32_t id = -1;
     char name[44];
     int i;
+    struct timespec ms = {0, 1000000};
 
     CHECK(CM_GetVarIdFromName("UNIT_NAME", 9, &id) == 0);
     CHECK(id == UNIT_NAME && UNIT_NAME == 3254);
@@ -52,11 +45,8 @@ int main(void) {
     memset(name, 0, sizeof name);
     strcpy(name, "gateway-7");
     CHECK(CM_PutDataItem(UNIT_NAME, name) == 1);
-    for (i = 0; i < 5000 && changes() == 0; i++) {
-        struct timespec ts = {0, 1000000};
-        nanosleep(&ts, NULL);
-    }
-    CHECK(changes() == 1);
+    for (i = 0; i < 5000 && __atomic_load_n(&s_changes, __ATOMIC_SEQ_CST) == 0; i++) nanosleep(&ms, NULL);
+    CHECK(__atomic_load_n(&s_changes, __ATOMIC_SEQ_CST) == 1);
     memset(name, 0, sizeof name);
     CHECK(CM_GetDataItem(UNIT_NAME, name) == 0);
     CHECK(strcmp(name, "gateway-7") == 0);

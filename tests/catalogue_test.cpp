@@ -117,18 +117,5 @@ TEST(Catalogue, RuleBreakingRowsKept) {
                   std::make_tuple(c.min, c.max, c.value)) << "ID " << c.id;
 }
 
-// The generated constants name the entry at their position.
-TEST(Catalogue, ConstantsMatchPositions) {
-#define TAG(x) std::make_pair(int{x}, #x)
-    for (const auto& [id, tag] : {TAG(CM_FLAG), TAG(SYSTEM_RESERVED_OCTETS), TAG(SNMP_READ_COMMUNITY_2),
-                                  TAG(CHANNEL_SIGNALLING_MODE_1_30), TAG(CM_SIP_TRUNK_CHANNEL_1B_SIP_SERVER),
-                                  TAG(UNIT_NAME), TAG(LAST_DATE_TIME)})
-        EXPECT_STREQ(at(id).szVarTag, tag);
-#undef TAG
-    EXPECT_EQ(CM_FLAG, 0);
-    EXPECT_EQ(UNIT_NAME, 3254);
-    EXPECT_EQ(LAST_DATE_TIME, 3289);
-}
-
 }  // namespace
 }  // namespace cm::catalogue

@@ -1,26 +1,10 @@
 // Loading defaults at its three levels, on real files in a private root:
 // which records each level resets, the factory reset's clean-up run for real
 // inside the root, and the all-defaults lock file seen by another process.
-#include <gtest/gtest.h>
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <array>
-#include <cstring>
 #include <filesystem>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "catalogue/catalogue.h"
-#include "configmanager/cm_defaults.h"
-#include "configmanager/cm_getset.h"
-#include "configmanager/cm_lifecycle.h"
-#include "configmanager/cm_vars.h"
 #include "defaults/cleanup.h"
-#include "log/log.h"
-#include "platform/paths.h"
-#include "storage/file_state.h"
 #include "support/agent.h"
 #include "support/test_support.h"
 
@@ -52,12 +36,8 @@ void forEachRecord(Fn fn) {
 Files flipEveryRecord(const Files& in) {
     Files out = in;
     forEachRecord([&](int i, int, uint32_t data) { out[i][data] ^= 0x5A; });
-    for (int i = 0; i < CM_NUM_FILES; ++i) {
-        const int fd = open(cm::storage::pathOf(i), O_WRONLY);
-        if (fd < 0) continue;
-        EXPECT_EQ(pwrite(fd, out[i].data(), out[i].size(), 0), static_cast<ssize_t>(out[i].size()));
-        close(fd);
-    }
+    for (int i = 0; i < CM_NUM_FILES; ++i)
+        if (access(cm::storage::pathOf(i), F_OK) == 0) cmtest::rewrite(cm::storage::pathOf(i), out[i]);
     return out;
 }
 
@@ -95,7 +75,7 @@ class ShellRecorder final : public cm::platform::Env {
 public:
     ShellRecorder() { cm::platform::setEnv(this); }
     ~ShellRecorder() override { cm::platform::setEnv(nullptr); }
-    void sleepFor(std::chrono::nanoseconds) override { std::this_thread::sleep_for(std::chrono::microseconds(200)); }
+    void sleepFor(std::chrono::nanoseconds) override { std::this_thread::sleep_for(200us); }
     std::chrono::steady_clock::time_point now() override { return std::chrono::steady_clock::now(); }
     long random() override { return 0; }
     int shell(const char* command) override {
@@ -208,7 +188,12 @@ TEST_F(Defaults, AllDefaultsRebuildEveryFileUnderTheLockFile) {
     EXPECT_EQ(failing.lockFailed, 1);
     EXPECT_EQ(failing.withErrors, 1);
     const Files after = readAll();
-    for (int i = 1; i < CM_NUM_FILES; ++i) EXPECT_EQ(after[i], pristine[i]) << "file " << i;
+    for (int i = 1; i < CM_NUM_FILES; ++i) {
+        EXPECT_EQ(after[i], pristine[i]) << "file " << i;
+        // The private copies are made afresh from the rebuilt files.
+        ASSERT_NE(cm::storage::pPrevData[i], nullptr) << i;
+        EXPECT_EQ(std::memcmp(cm::storage::pPrevData[i], after[i].data(), after[i].size()), 0) << i;
+    }
 }
 
 }  // namespace

@@ -1,69 +1,74 @@
 // Parsing one inotify read into per-file flags.
-#include <gtest/gtest.h>
 #include <sys/inotify.h>
 
 #include <cstddef>
-#include <cstring>
-#include <vector>
 
 #include "inotify/event_parse.h"
-#include "storage/file_state.h"
+#include "storage/open_map.h"
 #include "support/test_support.h"
 
 using namespace cm::inotify;
 
 namespace {
 
-// Appends one event (with a 16-byte name when `named`) to a read buffer.
-void add(std::vector<uint8_t>& buf, int wd, uint32_t mask, bool named = false) {
-    inotify_event ev{wd, mask, 0, named ? 16u : 0u};
-    const size_t at = buf.size();
-    buf.resize(at + kEventHeader + ev.len);
-    std::memcpy(buf.data() + at, &ev, kEventHeader);
-}
+constexpr int kRed = 7;  // open, so that a replaced or deleted path can be told from it
+constexpr unsigned kAll = (1u << CM_NUM_FILES) - 1;
 
-TEST(EventParse, EventsBecomeOneFlagPerFileAndBrokenOnesAreDropped) {
-    cmtest::resetLibraryState();
+struct Event {
+    int wd;
+    uint32_t mask;
+    uint32_t nameLen = 0;  // a name of 16 bytes follows; a longer stated one runs past the read
+};
+
+TEST(EventParse, EveryKindOfEventSetsItsFlags) {
+    cmtest::TempRoot root;
     cmtest::CaptureSink sink;
-    for (int i = 0; i < cm::storage::kNumFiles; ++i) cm::storage::inotifywd[i] = 100 + i;
-    std::vector<uint8_t> buf;
-    add(buf, 105, IN_MODIFY);
-    add(buf, 105, IN_MODIFY);
-    add(buf, 102, IN_CREATE, true);
-    add(buf, 107, IN_DELETE_SELF);
-    add(buf, 108, IN_MOVE_SELF | IN_MODIFY);  // a move wins over a modification
-    add(buf, 109, IN_IGNORED);
-    add(buf, 55, IN_MODIFY);       // no such watch
-    buf.resize(buf.size() + 10);  // the start of an event cut off by the read
-    PassFlags f{};
-    parseEvents(buf.data(), buf.size(), f);
-    for (int i = 0; i < cm::storage::kNumFiles; ++i) {
-        EXPECT_EQ(f.modified[i], i == 5 || i == 2) << i;
-        EXPECT_EQ(f.deleted[i], i == 7 || i == 8 || i == 9) << i;
+    cmtest::resetLibraryState();
+    ASSERT_EQ(cm::storage::openOrCreateFile(kRed), 1);
+    const struct {
+        const char* what;
+        bool redGone;  // the path of file 7 unlinked first
+        std::vector<Event> events;
+        size_t junk, partial;  // bytes of a cut-off event after them; bytes dropped as partial
+        unsigned modified, deleted;
+        int unmatched;  // "no watch descriptor" warnings
+    } cases[] = {
+        {"writes and a creation", false, {{105, IN_MODIFY}, {105, IN_MODIFY}, {102, IN_CREATE, 16}}, 0, 0, 1u << 5 | 1u << 2, 0, 0},
+        {"deletions, a move over a modification, a dropped watch", false,
+         {{107, IN_DELETE_SELF}, {108, IN_MOVE_SELF | IN_MODIFY}, {109, IN_IGNORED}, {103, IN_DELETE, 16}}, 0, 0, 0,
+         1u << 7 | 1u << 8 | 1u << 9 | 1u << 3, 0},
+        {"unknown watch", false, {{55, IN_MODIFY}}, 0, 0, 0, 0, 1},
+        {"attributes of a file still in place", false, {{107, IN_ATTRIB}}, 0, 0, 0, 0, 0},
+        {"overflow", false, {{-1, IN_Q_OVERFLOW}}, 0, 0, kAll, 0, 1},
+        {"cut-off event", false, {{105, IN_MODIFY}}, 10, 10, 1u << 5, 0, 0},
+        {"name past the read", false, {{104, IN_MODIFY}, {103, IN_DELETE_SELF, 4000}}, 0, 16, 1u << 4, 0, 0},
+        {"attributes of a deleted file", true, {{107, IN_ATTRIB}}, 0, 0, 0, 1u << 7, 0},
+        {"overflow after a deletion", true, {{-1, IN_Q_OVERFLOW}}, 0, 0, kAll, 1u << 7, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        if (c.redGone) unlink(cm::storage::pathOf(kRed));
+        for (int i = 0; i < CM_NUM_FILES; ++i) cm::storage::inotifywd[i] = 100 + i;
+        std::vector<uint8_t> buf;
+        for (const Event& e : c.events) {
+            const inotify_event ev{e.wd, e.mask, 0, e.nameLen};
+            const size_t at = buf.size();
+            buf.resize(at + kEventHeader + (e.nameLen <= 16 ? e.nameLen : 0));
+            std::memcpy(buf.data() + at, &ev, kEventHeader);
+        }
+        buf.resize(buf.size() + c.junk);
+        sink.clear();
+        PassFlags f{};
+        parseEvents(buf.data(), buf.size(), f);
+        unsigned modified = 0, deleted = 0;
+        for (int i = 0; i < CM_NUM_FILES; ++i) modified |= unsigned{f.modified[i]} << i, deleted |= unsigned{f.deleted[i]} << i;
+        EXPECT_EQ(modified, c.modified);
+        EXPECT_EQ(deleted, c.deleted);
+        EXPECT_EQ(sink.count("Failed to find a watch descriptor match\n"), c.unmatched);
+        EXPECT_EQ(sink.count("Partial event struct of " + std::to_string(c.partial) + " bytes at end of data from inotify read of " +
+                             std::to_string(buf.size()) + " bytes\n"), c.partial ? 1 : 0);
+        EXPECT_EQ(cm::storage::inotifywd[9], c.deleted & 1u << 9 ? -1 : 109) << "a dropped watch is forgotten";
     }
-    EXPECT_EQ(cm::storage::inotifywd[9], -1) << "a dropped watch is forgotten";
-    EXPECT_EQ(sink.count("Failed to find a watch descriptor match\n"), 1);
-    EXPECT_TRUE(sink.contains("Partial event struct of 10 bytes at end of data from inotify read of " +
-                              std::to_string(buf.size()) + " bytes\n"));
-    cmtest::resetLibraryState();
-}
-
-// A queue overflow (no watch descriptor) marks every file modified; an event
-// whose stated name runs past the read is dropped as partial.
-TEST(EventParse, OverflowMarksEveryFileAndOverlongNamesAreCut) {
-    cmtest::resetLibraryState();
-    cmtest::CaptureSink sink;
-    for (int i = 0; i < cm::storage::kNumFiles; ++i) cm::storage::inotifywd[i] = 100 + i;
-    std::vector<uint8_t> buf;
-    add(buf, -1, IN_Q_OVERFLOW);
-    add(buf, 103, IN_DELETE_SELF);
-    const uint32_t overlong = 4000;
-    std::memcpy(buf.data() + kEventHeader + offsetof(inotify_event, len), &overlong, sizeof overlong);
-    PassFlags f{};
-    parseEvents(buf.data(), buf.size(), f);
-    for (int i = 0; i < cm::storage::kNumFiles; ++i) EXPECT_TRUE(f.modified[i] && !f.deleted[i]) << i;
-    EXPECT_EQ(sink.count("Failed to find a watch descriptor match\n"), 1);
-    EXPECT_TRUE(sink.contains("Partial event struct of 16 bytes at end of data from inotify read of 32 bytes\n"));
     cmtest::resetLibraryState();
 }
 

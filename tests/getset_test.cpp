@@ -1,49 +1,19 @@
-// Get and set through the C API: start state, the profile-download refusal,
-// the checked get's repair, the MAC cache, the set mutex held after a
-// password failure, callbacks that get and set, and the whole catalogue.
-#include <gtest/gtest.h>
+// Get and set through the C API: start state, the checked get's repair, the
+// MAC cache, the set mutex held after a password failure, the whole catalogue.
 #include <netinet/in.h>
 
-#include <atomic>
-#include <cstring>
-#include <string>
-#include <thread>
-
-#include "catalogue/catalogue.h"
-#include "configmanager/cm_getset.h"
-#include "configmanager/cm_lifecycle.h"
-#include "configmanager/cm_notify.h"
-#include "configmanager/cm_storage.h"
-#include "configmanager/cm_values.h"
-#include "configmanager/cm_vars.h"
 #include "getset/mac_cache.h"
-#include "process/state.h"
-#include "platform/paths.h"
-#include "storage/file_state.h"
-#include "support/agent.h"
 #include "support/test_support.h"
-
-using namespace std::chrono_literals;
 
 namespace {
 
-class GetSet : public ::testing::Test {
+class GetSet : public cmtest::LibraryTest {
 protected:
-    void SetUp() override {
-        cmtest::resetLibraryState();
-        cm::paths::setRoot(root.dir());
-    }
-    void TearDown() override {
-        CM_Exit();
-        cmtest::resetLibraryState();
-    }
     std::string files() {
         std::string all;
         for (int i = 0; i < CM_NUM_FILES; ++i) all += cmtest::readFile(cm::storage::pathOf(i));
         return all;
     }
-    cmtest::TempRoot root;
-    cmtest::CaptureSink sink;
 };
 
 TEST_F(GetSet, NothingHappensBeforeStart) {
@@ -69,28 +39,6 @@ TEST_F(GetSet, CodesAndLoggedFailures) {
         EXPECT_EQ(CM_Set_Variable_CMI_Log_Error(id, &v, 1), CM_ERR_INVALID);
     }
     EXPECT_TRUE(sink.contains("**ERROR:CM_Set_Variable_CMI:../src/configparam.c:  Invalid CM variable ID = 210"));
-    EXPECT_EQ(CM_Get_Variable(UNIT_NAME, nullptr), CM_ERR_INVALID);
-    EXPECT_EQ(CM_Set_Variable(UNIT_NAME, nullptr), CM_ERR_INVALID);
-
-    // The logging variants name the variable.
-    EXPECT_EQ(CM_Set_Variable_Log_Error(CURRENT_FILE_TRANSFER_PASSWORD, std::string(128, 'p').c_str()),
-              CM_ERR_INVALID);
-    pthread_mutex_unlock(&cm::process::mCMMutex);  // left held by the password failure
-    EXPECT_TRUE(sink.contains("failed to set CM var CURRENT_FILE_TRANSFER_PASSWORD (ID=197)"));
-}
-
-TEST_F(GetSet, ProfileDownloadDropsPlainSetsOnly) {
-    ASSERT_EQ(CM_init(1), 0);
-    const uint8_t download = CM_FLAG_PROFILE_DOWNLOAD;
-    ASSERT_EQ(CM_Set_Variable(CM_FLAG, &download), 0);
-    uint16_t port = 5061, got = 0;
-    EXPECT_EQ(CM_Set_Variable(CURRENT_CMS_PORT_ADDRESS, &port), 0);
-    ASSERT_EQ(CM_Get_Variable(CURRENT_CMS_PORT_ADDRESS, &got), 0);
-    EXPECT_EQ(got, 9190);  // the default, untouched
-    EXPECT_TRUE(sink.contains("CM var ID=33 not set as profile update from NCMS in progress"));
-    EXPECT_EQ(CM_Set_Variable_CMI(CURRENT_CMS_PORT_ADDRESS, &port, 0), 0);
-    ASSERT_EQ(CM_Get_Variable(CURRENT_CMS_PORT_ADDRESS, &got), 0);
-    EXPECT_EQ(got, 5061);
 }
 
 TEST_F(GetSet, CheckedGetRepairsOutOfRangeNumbers) {
@@ -106,6 +54,9 @@ TEST_F(GetSet, CheckedGetRepairsOutOfRangeNumbers) {
     ASSERT_EQ(CM_Get_Variable(VXRTP_CODEC_1, &v), 0);
     EXPECT_EQ(v, 7);
     EXPECT_TRUE(sink.contains("**ERROR: CM var VXRTP_CODEC_1 (ID=924) bad value = 10 changed to default = 7\n"));
+    uint16_t port = 0;
+    EXPECT_EQ(CM_Get_Variable_Default_Value(CURRENT_CMS_PORT_ADDRESS, &port), 0);
+    EXPECT_EQ(port, 9190);
 
     // A default outside its own bounds (1..2, default 0) is repaired at every read.
     for (int round = 0; round < 2; ++round) EXPECT_EQ(CM_Get_Variable_Check_Value(CURRENT_FILE_TRANSFER_PROTOCOL, &v), 1);
@@ -141,7 +92,8 @@ TEST_F(GetSet, FirstMacAddressKeepsSixBytesAndTheCache) {
 TEST_F(GetSet, PasswordFailureLeavesTheSetMutexHeldByTheCaller) {
     ASSERT_EQ(CM_init(1), 0);
     const std::string tooLong(128, 'p');
-    ASSERT_EQ(CM_Set_Variable(CURRENT_FILE_TRANSFER_PASSWORD, tooLong.c_str()), CM_ERR_INVALID);
+    ASSERT_EQ(CM_Set_Variable_Log_Error(CURRENT_FILE_TRANSFER_PASSWORD, tooLong.c_str()), CM_ERR_INVALID);
+    EXPECT_TRUE(sink.contains("failed to set CM var CURRENT_FILE_TRANSFER_PASSWORD (ID=197)"));  // named
     uint16_t port = 7000;
     EXPECT_EQ(CM_Set_Variable(CURRENT_CMS_PORT_ADDRESS, &port), 0);  // same thread: recursive
 
@@ -155,30 +107,6 @@ TEST_F(GetSet, PasswordFailureLeavesTheSetMutexHeldByTheCaller) {
     uint16_t got = 0;
     ASSERT_EQ(CM_Get_Variable(CURRENT_CMS_PORT_ADDRESS, &got), 0);
     EXPECT_EQ(got, 7001);
-}
-
-std::atomic<int> g_seen{-1};
-
-int setFromCallback(int32_t) {
-    uint16_t port = 0;
-    CM_Get_Variable(CURRENT_CMS_PORT_ADDRESS, &port);
-    const uint32_t copy = port;
-    return CM_Set_Variable(CURRENT_IP4_SUBNET_MASK, &copy);
-}
-
-int recordMask(int32_t id) {
-    uint32_t v = 0;
-    if (CM_Get_Variable(id, &v) == 0) g_seen = static_cast<int>(v);
-    return 0;
-}
-
-TEST_F(GetSet, CallbacksMayGetAndSet) {
-    ASSERT_EQ(CM_init(1), 0);
-    ASSERT_EQ(CM_Register_Interest(CURRENT_CMS_PORT_ADDRESS, setFromCallback), 0);
-    ASSERT_EQ(CM_Register_Interest(CURRENT_IP4_SUBNET_MASK, recordMask), 0);
-    const uint16_t port = 4242;
-    ASSERT_EQ(CM_Set_Variable(CURRENT_CMS_PORT_ADDRESS, &port), 0);
-    EXPECT_TRUE(cmtest::waitFor([] { return g_seen == 4242; }));
 }
 
 // Every variable reads as its catalogue default after a master start, and
@@ -215,20 +143,6 @@ TEST_F(GetSet, EveryDefaultReadsAndItsTextRoundTrips) {
     }
     EXPECT_GT(checked, 3000);
     EXPECT_TRUE(files() == before);
-}
-
-// A set in one process is read back by a get in another from inside the
-// callback that tells it of the change.
-TEST_F(GetSet, SetInOneProcessIsReadInAnotherFromItsCallback) {
-    cmtest::Agent writer, reader;
-    ASSERT_EQ(writer.call("init 1"), "ok 0");
-    ASSERT_EQ(reader.call("init 0"), "ok 0");
-    ASSERT_EQ(reader.call("regget " + std::to_string(CURRENT_IP4_SUBNET_MASK)), "ok 0");
-    ASSERT_EQ(writer.call("set " + std::to_string(CURRENT_IP4_SUBNET_MASK) + " 4294967040"), "ok 0");
-    ASSERT_TRUE(reader.waitCallbacks(1));
-    EXPECT_EQ(reader.callbackLines().at(0), "6 0 4294967040");
-    EXPECT_EQ(writer.finish(), 0);
-    EXPECT_EQ(reader.finish(), 0);
 }
 
 }  // namespace

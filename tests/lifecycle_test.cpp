@@ -1,23 +1,11 @@
 // Start and stop in one process, the fatal exit, and the watch thread's
 // handling of a stale all-defaults lock file.
-#include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cstdio>
 #include <filesystem>
 
-#include "configmanager/applog.h"
-#include "configmanager/cm_lifecycle.h"
-#include "configmanager/cm_notify.h"
-#include "configmanager/cm_vars.h"
-#include "log/sink.h"
-#include "platform/paths.h"
-#include "storage/file_state.h"
 #include "storage/record.h"
+#include "support/child_link.h"
 #include "support/test_support.h"
 
 namespace {
@@ -42,45 +30,28 @@ extern "C" int createVersionInfoFile_date(int major, int minor, int patch, int b
 
 namespace {
 
-class Lifecycle : public ::testing::Test {
+class Lifecycle : public cmtest::LibraryTest {
 protected:
     void SetUp() override { restart(); }
-    void TearDown() override {
-        CM_Exit();
-        cmtest::resetLibraryState();
-    }
     void restart() {
-        cmtest::resetLibraryState();
-        cm::paths::setRoot(root.dir());
+        LibraryTest::SetUp();
         g_heard = 0;
     }
     void putOctet(int32_t id, uint8_t v) { ASSERT_EQ(cm::storage::putDataItem(id, &v), 1); }
-    cmtest::TempRoot root;
-    cmtest::CaptureSink sink;
-};
-
-// Runs `body` in a child whose console log goes to a pipe; returns the exit
-// status and what it printed.
-std::pair<int, std::string> inChild(void (*body)()) {
-    int fds[2];
-    EXPECT_EQ(pipe(fds), 0);
-    std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(fds[1], 1);
-        cmtest::FastEnv env;
-        cm::log::setSink(nullptr);
-        __atomic_store_n(&g_iConsoleLog, 1, __ATOMIC_RELAXED);
-        body();
-        _exit(99);
+    // Runs `body` in a child that logs to its console (a file): its exit status and what it printed.
+    std::pair<int, std::string> inChild(void (*body)()) {
+        cmcheck::ChildLink child;
+        child.spawn([body] {
+            cmtest::FastEnv env;
+            cm::log::setSink(nullptr);
+            __atomic_store_n(&g_iConsoleLog, 1, __ATOMIC_RELAXED);
+            body();
+            _exit(99);
+        }, root.path("/child.log"));
+        const int status = child.finish(std::chrono::seconds(20));
+        return {status, cmtest::readFile(root.path("/child.log"))};
     }
-    close(fds[1]);
-    std::string out = cmtest::readFile("/proc/self/fd/" + std::to_string(fds[0]));
-    close(fds[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
-}
+};
 
 TEST_F(Lifecycle, StartsOnceStopsOnceAndStartsAgain) {
     EXPECT_EQ(CM_Exit(), CM_ERR_NOT_STARTED_OR_ID);
@@ -156,9 +127,18 @@ TEST_F(Lifecycle, MasterWaitsForAShortFileThenRepairsIt) {
     ASSERT_TRUE(cmtest::waitFor([] { return g_heard == 1; }));
     EXPECT_EQ(cmtest::readFile(wd), good);
     EXPECT_TRUE(sink.contains("length 20 still too short after waiting (expected " + std::to_string(good.size())));
-    int pauses = 0;
-    for (auto d : env.sleeps()) pauses += d == std::chrono::milliseconds(100);
-    EXPECT_EQ(pauses, 50);
+    EXPECT_EQ(env.sleepsOf(100ms), 50);
+
+    // A file that grows back within the wait ends it at once.
+    env.onSleep = [&](std::chrono::nanoseconds d) {
+        if (d == 100ms && env.sleepsOf(100ms) == 53) cmtest::rewrite(wd, good);
+    };
+    ASSERT_EQ(CM_Register_Interest(CM_TEST123, heard), 0);
+    ASSERT_EQ(truncate(wd.c_str(), 20), 0);
+    ASSERT_TRUE(cmtest::waitFor([&] { return env.sleepsOf(100ms) >= 53; }));
+    putOctet(CM_TEST123, 5);  // heard only once the wait has ended
+    ASSERT_TRUE(cmtest::waitFor([] { return g_heard >= 2; }));
+    EXPECT_EQ(env.sleepsOf(100ms), 53);
 }
 
 TEST_F(Lifecycle, StaleDefaultsLockFileIsRemovedAfterTheWait) {
@@ -172,9 +152,7 @@ TEST_F(Lifecycle, StaleDefaultsLockFileIsRemovedAfterTheWait) {
     ASSERT_TRUE(cmtest::waitFor([] { return g_heard == 1; }));
     EXPECT_FALSE(std::filesystem::exists(lockFile));
     EXPECT_TRUE(sink.contains("Timeout waiting for another process to delete lock file '" + lockFile + "' - deleted it\n"));
-    int pauses = 0;
-    for (auto d : env.sleeps()) pauses += d == std::chrono::milliseconds(100);
-    EXPECT_EQ(pauses, 99);
+    EXPECT_EQ(env.sleepsOf(100ms), 99);
 }
 
 }  // namespace

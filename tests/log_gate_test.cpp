@@ -1,11 +1,6 @@
 // The log gate's decision table and the two message shapes on both channels.
-#include <gtest/gtest.h>
-
 #include <cerrno>
-#include <tuple>
 
-#include "configmanager/applog.h"
-#include "log/log.h"
 #include "support/test_support.h"
 
 using cm::log::Channel;

@@ -1,13 +1,7 @@
 // File set-up: creation, the record-by-record check, and what the master
 // repairs while other processes only flag.
-#include <gtest/gtest.h>
-
-#include "catalogue/catalogue.h"
-#include "platform/paths.h"
-#include "process/state.h"
-#include "setup/setup.h"
 #include "platform/byte_order.h"
-#include "storage/file_state.h"
+#include "setup/setup.h"
 #include "storage/open_map.h"
 #include "storage/record.h"
 #include "support/test_support.h"
@@ -39,11 +33,7 @@ protected:
         cm::process::bCMmaster = master;
         return setUpConfigFile(kRed);
     }
-    static uint32_t offsetOf(int rel) {
-        uint32_t off = 4;
-        for (int r = 0; r < rel; ++r) off += cm::catalogue::entry(kRed, r).wDataSize + 4;
-        return off;
-    }
+    static uint32_t offsetOf(int rel) { return cmtest::recordOffset(3136 + rel); }
     static uint32_t offsetIn(int rel) { return cm::catalogue::entry(kRed, rel).recordOffset(); }
     cmtest::TempRoot root;
     cmtest::CaptureSink sink;
@@ -122,6 +112,17 @@ TEST_F(FileSetUp, EmptyFileAndAlreadyOpenFile) {
     EXPECT_TRUE(sink.contains("is already open (FD="));
     EXPECT_EQ(cmtest::readFile(path()), good);
     EXPECT_EQ(bBadFile[kRed], 0);
+}
+
+// The C entry point passes its flags through: a private copy only when asked for.
+TEST_F(FileSetUp, PrivateCopyOnlyWhenAskedFor) {
+    ASSERT_EQ(openOrCreateFile(kRed), 0);
+    EXPECT_EQ(CM_InitialiseDataStruct(kRed, 0, 0), kFileGood);
+    EXPECT_EQ(pPrevData[kRed], nullptr);
+    EXPECT_EQ(CM_InitialiseDataStruct(kRed, 1, 0), kFileGood);
+    ASSERT_NE(pPrevData[kRed], nullptr);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(pPrevData[kRed]), good.size()), good);
+    EXPECT_EQ(inotifywd[kRed], -1);
 }
 
 }  // namespace

@@ -1,23 +1,10 @@
 // Data files: opening and creating them, the mapping's length, records in
 // big-endian form, defaults, and the file lock between threads and processes.
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cstring>
-#include <thread>
-#include <utility>
-
-#include "catalogue/catalogue.h"
-#include "platform/paths.h"
 #include "storage/defaults.h"
-#include "storage/file_state.h"
 #include "storage/lock.h"
 #include "storage/open_map.h"
 #include "storage/record.h"
@@ -25,8 +12,6 @@
 #include "values/ipaddr.h"
 
 using namespace cm::storage;
-using namespace std::chrono_literals;
-using namespace std::string_literals;
 using cm::catalogue::entry;
 
 namespace {
@@ -39,24 +24,8 @@ int rawLock(int fd, short type, int cmd, off_t start, off_t len) {
     return fcntl(fd, cmd, &fl);
 }
 
-// Wait status of a forked child running `body`, killed after 10 s at the latest.
-template <typename F>
-int inChild(F body) {
-    const pid_t pid = fork();
-    if (pid == 0) alarm(10), _exit(body());
-    int status = -1;
-    waitpid(pid, &status, 0);
-    return status;
-}
-
-class Storage : public ::testing::Test {
+class Storage : public cmtest::LibraryTest {
 protected:
-    void SetUp() override {
-        cmtest::resetLibraryState();
-        cm::paths::setRoot(root.dir());
-        path = cm::storage::pathOf(kRed);
-    }
-    void TearDown() override { cmtest::resetLibraryState(); }
     void openDefaulted(int i = kRed) {
         ASSERT_EQ(openOrCreateFile(i), 1);
         ASSERT_EQ(writeDefaultData(i, true, false), 0);
@@ -76,10 +45,8 @@ protected:
     static bool mutexFree() {
         return pthread_mutex_trylock(&mtxFile[kRed]) == 0 && pthread_mutex_unlock(&mtxFile[kRed]) == 0;
     }
-    cmtest::TempRoot root;
-    cmtest::CaptureSink sink;
     cmtest::FastEnv env;
-    const char* path = nullptr;
+    const char* path = cm::storage::pathOf(kRed);
 };
 
 // A missing file is waited for in growing steps; once there but empty, in steps of a second.
@@ -112,17 +79,46 @@ TEST_F(Storage, CreateAndMap) {
     EXPECT_EQ(dwLenMappedFile[kRed], 99u);
 }
 
-// File and record headers and numbers are big-endian in the file, numbers in host order for the caller.
-TEST_F(Storage, NumbersAreBigEndianInTheFile) {
+// Headers and numbers are big-endian in the file, in host order for the
+// caller; texts are cut to their size and zero-filled; addresses are stored
+// by family, and an unknown stored family reads as no address.
+TEST_F(Storage, RecordsInTheFile) {
     openDefaulted();
-    EXPECT_EQ(at(0, 4), "\x00\x00\x12\x34"s);
-    uint16_t w = 0x1234, w2 = 0;
-    uint32_t d = 0x01020304, d2 = 0;
-    EXPECT_EQ(writeDataItem(kRed, 4, &w, true) + writeDataItem(kRed, 1, &d, true), 2);
-    EXPECT_EQ(at(27, 6), "\x00\x04\x00\x02\x12\x34"s);
-    EXPECT_EQ(at(9, 8), "\x00\x01\x00\x04\x01\x02\x03\x04"s);
-    EXPECT_EQ(readDataItem(kRed, 4, &w2) + readDataItem(kRed, 1, &d2), 0);
-    EXPECT_EQ(std::pair(w2, d2), std::pair(w, d));
+    openDefaulted(kSystem);
+    EXPECT_EQ(at(0, 4) + at(0, 4, kSystem), "\x00\x00\x12\x34\x00\x01\x12\x34"s);
+    const uint16_t w = 0x1234;
+    const uint32_t d = 0x01020304;
+    sockaddr_in in{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(0xC0000201)}, .sin_zero = {}};
+    uint8_t addr[20];
+    ASSERT_EQ(cm::values::sockaddrToCmAddr(addr, reinterpret_cast<sockaddr*>(&in)), 0);
+    const std::string text(40, 'x');
+    const struct {
+        int file, rel;
+        const void* value;
+        uint32_t offset;
+        std::string inFile, back;
+    } cases[] = {
+        {kRed, 4, &w, 27, "\x00\x04\x00\x02\x12\x34"s, std::string(reinterpret_cast<const char*>(&w), 2)},
+        {kRed, 1, &d, 9, "\x00\x01\x00\x04\x01\x02\x03\x04"s, std::string(reinterpret_cast<const char*>(&d), 4)},
+        {kRed, 8, addr, 69, "\x00\x08\x00\x14\x00\x02\x00\x00\xC0\x00\x02\x01"s + std::string(12, '\0'), ""},
+        {kSystem, 2, text.c_str(), entry(kSystem, 2).recordOffset(), "\x00\x02\x00\x16"s + std::string(21, 'x') + '\0', std::string(21, 'x') + '\0'},
+        {kSystem, 2, "ab", entry(kSystem, 2).recordOffset(), "\x00\x02\x00\x16"s + "ab" + std::string(20, '\0'), "ab" + std::string(20, '\0')},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.inFile);
+        EXPECT_EQ(writeDataItem(c.file, c.rel, c.value, true), 1);
+        EXPECT_EQ(at(c.offset, c.inFile.size(), c.file), c.inFile);
+        char back[32] = {};
+        EXPECT_EQ(readDataItem(c.file, c.rel, back), 0);
+        if (!c.back.empty()) EXPECT_EQ(std::string(back, c.back.size()), c.back);
+    }
+    sockaddr_in6 out{};  // room for either family, as callers must give
+    ASSERT_EQ(getDataItem(3144, &out), 0);
+    EXPECT_EQ(out.sin6_family, AF_INET);
+    EXPECT_EQ(reinterpret_cast<sockaddr_in*>(&out)->sin_addr.s_addr, in.sin_addr.s_addr);
+    poke(73, "\x00\x07"s);
+    EXPECT_EQ(getDataItem(3144, &out), -1);
+    EXPECT_EQ(out.sin6_family, AF_UNSPEC);
 }
 
 TEST_F(Storage, OnlyAChangedLockedWriteTouchesTheCrcWord) {
@@ -140,17 +136,6 @@ TEST_F(Storage, OnlyAChangedLockedWriteTouchesTheCrcWord) {
     EXPECT_EQ(at(2, 2), "\x12\x34");
 }
 
-TEST_F(Storage, TextIsCutToItsSizeAndZeroFilled) {
-    openDefaulted(kSystem);
-    EXPECT_EQ(at(0, 4, kSystem), "\x00\x01\x12\x34"s);  // version 1, CRC word
-    EXPECT_EQ(writeDataItem(kSystem, 2, std::string(40, 'x').c_str(), true), 1);
-    char text[22];
-    ASSERT_EQ(readDataItem(kSystem, 2, text), 0);
-    EXPECT_EQ(std::string(text, strnlen(text, sizeof text)), std::string(21, 'x'));
-    EXPECT_EQ(writeDataItem(kSystem, 2, "ab", true), 1);
-    EXPECT_EQ(at(entry(kSystem, 2).recordOffset() + 4, 22, kSystem), "ab" + std::string(20, '\0'));
-}
-
 // A record missing from the catalogue or stored with a wrong ID or length is refused, leaving no lock.
 TEST_F(Storage, BadRecordsAreRefused) {
     openDefaulted();
@@ -161,41 +146,6 @@ TEST_F(Storage, BadRecordsAreRefused) {
     for (int rel : {2, 3, 4}) EXPECT_EQ(readDataItem(kRed, rel, &v), -1) << rel;
     EXPECT_EQ(writeDataItem(kRed, 2, &v, true), -1);
     EXPECT_TRUE(mutexFree());
-}
-
-TEST_F(Storage, IpAddressesAreStoredByFamilyAndUnknownFamiliesRejected) {
-    openDefaulted();
-    sockaddr_in in{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {}, .sin_zero = {}};
-    inet_pton(AF_INET, "192.0.2.1", &in.sin_addr);
-    uint8_t stored[20];
-    ASSERT_EQ(cm::values::sockaddrToCmAddr(stored, reinterpret_cast<sockaddr*>(&in)), 0);
-    EXPECT_EQ(putDataItem(3144, stored), 1);
-    EXPECT_EQ(at(73, 20), "\x00\x02\x00\x00\xC0\x00\x02\x01"s + std::string(12, '\0'));
-    sockaddr_in6 out{};  // room for either family, as callers must give
-    ASSERT_EQ(getDataItem(3144, &out), 0);
-    EXPECT_EQ(out.sin6_family, AF_INET);
-    EXPECT_EQ(reinterpret_cast<sockaddr_in*>(&out)->sin_addr.s_addr, in.sin_addr.s_addr);
-    poke(73, "\x00\x07"s);
-    EXPECT_EQ(getDataItem(3144, &out), -1);
-    EXPECT_EQ(out.sin6_family, AF_UNSPEC);
-}
-
-// A too-long file of junk is rewritten and cut, each record at the offset the catalogue then gives.
-TEST_F(Storage, WholeFileIsRewrittenFromDefaultsAndCut) {
-    cmtest::writeFile(path, std::string(150, '\x5A'));
-    ASSERT_EQ(openOrCreateFile(kRed), 0);
-    bBadFile[kRed] = 1;
-    ASSERT_EQ(writeDefaultData(kRed, true, true), 0);
-    const std::string f = cmtest::readFile(path);
-    ASSERT_EQ(f.size(), 99u);
-    uint32_t off = 4;
-    for (int r = 0; r < 10; off += entry(kRed, r).wDataSize + 4, ++r) {
-        EXPECT_EQ(entry(kRed, r).recordOffset(), off) << r;
-        EXPECT_EQ(f.substr(off, 4), std::string({'\0', char(r), '\0', char(entry(kRed, r).wDataSize)})) << r;
-        EXPECT_TRUE(holdsDefault(r)) << r;
-    }
-    EXPECT_EQ(bBadFile[kRed], 0);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(pPrevData[kRed]), 99), f);
 }
 
 // Level n resets exactly the records of defaults group n and above; with
@@ -212,6 +162,9 @@ TEST_F(Storage, ItemsAtOrAboveTheLevelAreReset) {
     const std::string before = at(0, 99);
     EXPECT_EQ(writeDefaultDataItems(kRed, 3), 0);
     EXPECT_EQ(at(0, 99), before);
+    EXPECT_EQ(updateCRC(kRed), 0);
+    EXPECT_EQ(at(2, 2), "\x12\x34");
+    EXPECT_FALSE(sink.contains("Failed to write CRC"));
     EXPECT_TRUE(mutexFree());
 }
 
@@ -220,7 +173,7 @@ TEST_F(Storage, ItemsAtOrAboveTheLevelAreReset) {
 TEST_F(Storage, FailedDefaultRecordsAloneAreMarkedBad) {
     openDefaulted();
     poke(39 + 4, "\xFF\xFF");  // record 6, to be restored
-    EXPECT_EQ(inChild([&] {
+    EXPECT_EQ(cmtest::inChild([&] {
         const rlimit limit{60, 60};
         signal(SIGXFSZ, SIG_IGN);
         setrlimit(RLIMIT_FSIZE, &limit);
@@ -229,7 +182,7 @@ TEST_F(Storage, FailedDefaultRecordsAloneAreMarkedBad) {
             if ((entry(kRed, r).recordOffset() == cm::catalogue::kNoRecord) != (r >= 7)) bad |= 2;
         uint16_t port = 0;
         return bad | (readDataItem(kRed, 6, &port) != 0 || port != 7710 ? 4 : 0);
-    }), 0);
+    }), cmtest::kChildOk);
 }
 
 // A request waits while another process holds the file; interrupted (no SA_RESTART) it is
@@ -270,7 +223,7 @@ TEST_F(Storage, LockWaitsForAnotherProcessAndBacksOffWhenInterrupted) {
     const auto sleeps = env.sleeps();
     EXPECT_GE(sleeps.size(), 3u);
     EXPECT_EQ(sleeps, decltype(sleeps)(sleeps.size(), 112345us));
-    EXPECT_EQ(inChild([&] { return rawLock(open(path, O_RDWR), F_WRLCK, F_SETLK, 12, 1) == 0; }), 0);
+    EXPECT_EQ(cmtest::inChild([&] { return rawLock(open(path, O_RDWR), F_WRLCK, F_SETLK, 12, 1) == 0; }), cmtest::kChildOk);
     std::thread other([&] { lockFile(kRed, 50, 1), got = false, unlockFile(kRed, 50, 1); });
     std::this_thread::sleep_for(50ms);
     EXPECT_TRUE(got);

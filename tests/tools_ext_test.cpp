@@ -1,12 +1,8 @@
 // The extensions for tools: the read-only file check finds every damaged
 // record (not just the first), never changes a file and needs no started
 // library; the log descriptor receives every written message.
-#include <fcntl.h>
-#include <unistd.h>
+#include <climits>
 
-#include <cstring>
-
-#include "configmanager/configmanager.h"
 #include "configmanager/cm_host.h"
 #include "support/test_support.h"
 
@@ -89,7 +85,11 @@ TEST_F(ToolsExt, FileCheckClassifiesDamageWithoutChangingTheFile) {
 
     unlink(path.c_str());
     EXPECT_EQ(check().dwFaults, static_cast<uint32_t>(CM_FILE_MISSING));
-    EXPECT_EQ(CM_Ext_CheckFile(10, nullptr, nullptr, 0), -1);
+    CM_FileInfo f{};
+    CM_FileCheck c{};
+    EXPECT_EQ(CM_Ext_GetFileInfo(-1, &f) + CM_Ext_GetFileInfo(10, &f) + CM_Ext_CheckFile(-1, &c, nullptr, 0), -3);
+    EXPECT_EQ(CM_Ext_CheckFile(0, &c, nullptr, 0), 0);  // the first file is checked like any other
+    EXPECT_EQ(c.dwFaults, static_cast<uint32_t>(CM_FILE_MISSING));
 }
 
 TEST_F(ToolsExt, LogDescriptorReceivesEveryChannel) {
@@ -104,6 +104,16 @@ TEST_F(ToolsExt, LogDescriptorReceivesEveryChannel) {
     close(fds[1]);
     ASSERT_GT(n, 0);
     EXPECT_EQ(buf[n - 1], '\n');
+}
+
+// A root is taken only when every path under it fits in PATH_MAX.
+TEST_F(ToolsExt, RootsThatLeaveNoRoomAreRefused) {
+    const size_t longest = std::strlen(cm::paths::kTagCacheTempFile);
+    for (size_t len : {PATH_MAX - longest - 1, PATH_MAX - longest, size_t{PATH_MAX} + 1}) {
+        const std::string r = "/" + std::string(len - 1, 'r') + "/";  // a trailing '/' does not count
+        EXPECT_EQ(CM_Host_SetRootDirectory(r.c_str()), len + longest < PATH_MAX ? 0 : -1) << len;
+    }
+    EXPECT_EQ(std::strlen(CM_Host_GetRootDirectory()), PATH_MAX - longest - 1) << "a refused root changes nothing";
 }
 
 }  // namespace

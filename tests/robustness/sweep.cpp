@@ -7,35 +7,30 @@
 //       stride: runs every stride-th case only (default 1: all), for quick
 //       runs inside the test suite.
 //
-// Damage: every single-bit flip and the inversion of every byte of the
-// smallest persistent file; the inversion and the flip of the lowest bit of
-// every byte of the header and first records of the largest; truncation to every length of the small file and to many lengths
-// of the large one; junk appended to both.  Each case runs the file set-up
-// in a forked process:
-//  - master: the file must end at its correct length; when the check found a
-//    fault, it must equal a freshly created file byte for byte; when it found
-//    none, it must be the damaged file cut to its correct length (damage
-//    inside a value is not detectable).  A second, non-master set-up must
-//    then find it good.
+// Damage: bit flips and byte inversions over the smallest persistent file
+// and the head of the largest, truncations, junk appended.  Each case runs
+// the file set-up in a forked process:
 //  - non-master: ends with a check result (no signal, no hang) and leaves
-//    the file as it was.  Empty files are left out: a non-master waits for
-//    an empty file to be filled, without limit.
+//    the file as it was (empty files are left out: a non-master waits
+//    without limit for an empty file to be filled);
+//  - master: when the check found a fault, the file must equal a fresh one
+//    byte for byte; when it found none, the damaged file cut to its correct
+//    length (damage inside a value is not detectable).  A non-master set-up
+//    must then find it good.
 #include <configmanager/configmanager.h>
 #include <configmanager/cm_host.h>
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <map>
-#include <span>
-#include <string>
 #include <vector>
 
 #include "platform/paths.h"
 #include "storage/file_state.h"
-#include "robustness/child_link.h"
+#include "support/child_link.h"
 
 namespace {
 
@@ -45,27 +40,19 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kCaseTimeout = std::chrono::seconds(20);
 
 Bytes readBytes(const std::string& path) {
-    Bytes out;
-    FILE* f = std::fopen(path.c_str(), "rb");
-    if (f == nullptr) return out;
-    unsigned char chunk[65536];
-    for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, f)) > 0;) out.insert(out.end(), chunk, chunk + n);
-    std::fclose(f);
-    return out;
+    std::ifstream in(path, std::ios::binary);
+    return Bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
-bool writeBytes(const std::string& path, const Bytes& b) {
+void writeBytes(const std::string& path, const Bytes& b) {
     unlink(path.c_str());
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd < 0) return false;
-    const bool ok = b.empty() || write(fd, b.data(), b.size()) == static_cast<ssize_t>(b.size());
+    if (fd >= 0 && !b.empty()) (void)!write(fd, b.data(), b.size());
     close(fd);
-    return ok;
 }
 
-// Runs the set-up of file `index` in a forked process and, with readAll,
-// reads every record afterwards.  Its exit status is the set-up's result (255 for -1);
-// negative for a signal, ChildLink::kHung when it did not end in time.
+// The set-up of file `index` (then, with readAll, every read) in a forked
+// process: its result (255 for -1), minus a signal, or ChildLink::kHung.
 int setUpInChild(const std::string& root, int index, bool master, bool readAll) {
     std::fflush(nullptr);
     const pid_t pid = fork();
@@ -105,55 +92,31 @@ std::string describe(int status) {
 
 void runCase(const std::string& root, const Case& c, const Bytes& good, Tally& t) {
     const std::string path = cm::storage::pathOf(c.file);
+    auto fault = [&](long& counter, const std::string& what) {
+        ++counter;
+        std::printf("sweep: file %d, %s: %s\n", c.file, c.what.c_str(), what.c_str());
+    };
     ++t.cases;
-
     // The non-master first: it must leave the damaged file as it found it.
     if (!c.bytes.empty()) {
         writeBytes(path, c.bytes);
         const int st = setUpInChild(root, c.file, false, true);
         ++t.otherRuns;
-        if (st < 0) {
-            ++(st == cmcheck::ChildLink::kHung ? t.hung : t.crashed);
-            std::printf("sweep: non-master, file %d, %s: %s\n", c.file, c.what.c_str(), describe(st).c_str());
-        } else {
-            ++t.otherResults[st];
-            if (readBytes(path) != c.bytes) {
-                ++t.wrong;
-                std::printf("sweep: non-master changed file %d, %s\n", c.file, c.what.c_str());
-            }
-        }
+        if (st < 0) fault(st == cmcheck::ChildLink::kHung ? t.hung : t.crashed, "non-master " + describe(st));
+        else if (++t.otherResults[st], readBytes(path) != c.bytes) fault(t.wrong, "non-master changed the file");
     }
-
     writeBytes(path, c.bytes);
     const int st = setUpInChild(root, c.file, true, true);
     ++t.masterRuns;
-    if (st < 0 || st == 255) {
-        if (st < 0) ++(st == cmcheck::ChildLink::kHung ? t.hung : t.crashed);
-        else ++t.wrong;
-        std::printf("sweep: master, file %d, %s: %s\n", c.file, c.what.c_str(), describe(st).c_str());
-        return;
-    }
-    const Bytes after = readBytes(path);
-    Bytes expected = good;
-    if (st == 0) {
-        ++t.keptAsIs;
-        expected.assign(c.bytes.begin(), c.bytes.begin() + std::min(c.bytes.size(), good.size()));
-    } else {
-        ++t.repaired;
-    }
-    if (after != expected) {
-        ++t.wrong;
-        std::printf("sweep: master, file %d, %s: check result %d, file not %s (%zu bytes)\n", c.file, c.what.c_str(), st,
-                    st == 0 ? "kept as it was" : "rewritten from defaults", after.size());
-        return;
-    }
-    const int again = setUpInChild(root, c.file, false, false);
-    ++t.otherRuns;
-    if (again != 0) {
-        ++t.wrong;
-        std::printf("sweep: file %d, %s: after the master's set-up a re-check gives %s\n", c.file, c.what.c_str(),
-                    describe(again).c_str());
-    }
+    if (st < 0 || st == 255)
+        return fault(st == cmcheck::ChildLink::kHung ? t.hung : st < 0 ? t.crashed : t.wrong, "master " + describe(st));
+    ++(st == 0 ? t.keptAsIs : t.repaired);
+    const Bytes expected = st != 0 ? good : Bytes(c.bytes.begin(), c.bytes.begin() + std::min(c.bytes.size(), good.size()));
+    if (readBytes(path) != expected)
+        return fault(t.wrong, "master's check result " + std::to_string(st) + ", file not " +
+                                  (st == 0 ? "kept as it was" : "rewritten from defaults"));
+    if (const int again = setUpInChild(root, c.file, false, false); again != 0)
+        fault(t.wrong, "after the master's set-up a re-check gives " + describe(again));
 }
 
 // Offset just past the first `n` records (or the file's end).
@@ -164,32 +127,28 @@ size_t afterRecords(const Bytes& b, int n) {
 }
 
 void addFlips(std::vector<Case>& cases, int file, const Bytes& good, size_t upTo, bool everyBit) {
-    static constexpr int kAllMasks[] = {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80, 0xFF};
-    static constexpr int kSomeMasks[] = {0x01, 0xFF};
-    for (size_t pos = 0; pos < upTo; ++pos) {
-        for (int mask : everyBit ? std::span<const int>(kAllMasks) : std::span<const int>(kSomeMasks)) {
+    for (size_t pos = 0; pos < upTo; ++pos)
+        for (int mask : {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80, 0xFF}) {
+            if (!everyBit && mask != 0x01 && mask != 0xFF) continue;
             Case c{file, "byte " + std::to_string(pos) + " ^ " + std::to_string(mask), good};
             c.bytes[pos] ^= static_cast<unsigned char>(mask);
             cases.push_back(std::move(c));
         }
-    }
 }
 
 void addCuts(std::vector<Case>& cases, int file, const Bytes& good, size_t dense, size_t step) {
     for (size_t len = 0; len < good.size(); len += len < dense ? 1 : step)
         cases.push_back({file, "cut to " + std::to_string(len), Bytes(good.begin(), good.begin() + len)});
-    if (good.size() > 0)
-        cases.push_back({file, "cut to " + std::to_string(good.size() - 1), Bytes(good.begin(), good.end() - 1)});
+    cases.push_back({file, "cut to " + std::to_string(good.size() - 1), Bytes(good.begin(), good.end() - 1)});
 }
 
 void addJunk(std::vector<Case>& cases, int file, const Bytes& good) {
-    for (size_t n : {1, 3, 4, 5, 17, 300, 70000}) {
+    for (size_t n : {1, 3, 4, 5, 17, 300, 70000})
         for (int fill : {0x00, 0xA5}) {
             Case c{file, std::to_string(n) + " bytes of " + std::to_string(fill) + " appended", good};
             c.bytes.insert(c.bytes.end(), n, static_cast<unsigned char>(fill));
             cases.push_back(std::move(c));
         }
-    }
     // A whole well-formed record too many (a copy of the first one).
     Case c{file, "first record appended again", good};
     c.bytes.insert(c.bytes.end(), good.begin() + 4, good.begin() + afterRecords(good, 1));

@@ -1,50 +1,29 @@
 #include "support/test_support.h"
 
-#include "tags/tag_table.h"
-
 #include <stdarg.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
-#include "catalogue/catalogue.h"
+#include "catalogue/lookup.h"
 #include "configmanager/applog.h"
 #include "lifecycle/shutdown.h"
-#include "log/log.h"
-#include "platform/paths.h"
-#include "process/state.h"
-#include "storage/file_state.h"
 #include "storage/open_map.h"
+#include "support/child_link.h"
+#include "tags/tag_table.h"
 #include "watch/watch_thread.h"
-
-namespace fs = std::filesystem;
 
 namespace cmtest {
 
-TempRoot::TempRoot() {
-    const char* base = std::getenv("TMPDIR");
-    std::string tmpl = std::string(base && *base ? base : "/tmp") + "/cmtest.XXXXXX";
-    char* made = mkdtemp(tmpl.data());
-    if (made == nullptr) throw std::runtime_error("mkdtemp failed");
-    dir_ = made;
-    fs::create_directories(dir_ + "/tmp");
-    fs::create_directories(dir_ + "/var/AppData/config");
+TempRoot::TempRoot() : dir_(cmcheck::makeRoot("cmtest")) {
+    if (dir_.empty()) throw std::runtime_error("cannot make a test root");
     cm::paths::setRoot(dir_);
 }
 
 TempRoot::~TempRoot() {
     cm::paths::setRoot("/nonexistent-test-root");
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
+    cmcheck::removeRoot(dir_);
 }
-
-CaptureSink::CaptureSink() { cm::log::setSink(this); }
-CaptureSink::~CaptureSink() { cm::log::setSink(nullptr); }
 
 void CaptureSink::write(cm::log::Channel ch, int priority, const char* fmt, va_list ap) {
     char buf[4096];
@@ -58,11 +37,11 @@ std::vector<CaptureSink::Line> CaptureSink::lines() const {
     return lines_;
 }
 
-int CaptureSink::count(const std::string& fragment) const {
-    std::lock_guard<std::mutex> g(mu_);
+int CaptureSink::count(const std::string& fragment, int priority) const {
     int n = 0;
-    for (const auto& l : lines_)
-        if (l.text.find(fragment) != std::string::npos) ++n;
+    for (const auto& l : lines())
+        n += l.text.find(fragment) != std::string::npos &&
+             (priority < 0 || (l.priority == priority && l.channel == cm::log::Channel::Syslog));
     return n;
 }
 
@@ -70,9 +49,6 @@ void CaptureSink::clear() {
     std::lock_guard<std::mutex> g(mu_);
     lines_.clear();
 }
-
-FastEnv::FastEnv() { cm::platform::setEnv(this); }
-FastEnv::~FastEnv() { cm::platform::setEnv(nullptr); }
 
 void FastEnv::sleepFor(std::chrono::nanoseconds d) {
     {
@@ -86,6 +62,12 @@ void FastEnv::sleepFor(std::chrono::nanoseconds d) {
 std::vector<std::chrono::nanoseconds> FastEnv::sleeps() const {
     std::lock_guard<std::mutex> g(mu_);
     return sleeps_;
+}
+
+int FastEnv::sleepsOf(std::chrono::nanoseconds d) const {
+    int n = 0;
+    for (auto s : sleeps()) n += s == d;
+    return n;
 }
 
 void resetLibraryState() {
@@ -120,6 +102,16 @@ bool waitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeou
     return cond();
 }
 
+std::string inChild(const std::function<int()>& body, unsigned seconds) {
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) alarm(seconds), _exit(body());
+    int status = -1;
+    waitpid(pid, &status, 0);
+    return WIFSIGNALED(status) ? "killed by signal " + std::to_string(WTERMSIG(status))
+                               : "exit status " + std::to_string(WEXITSTATUS(status));
+}
+
 std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::stringstream ss;
@@ -128,8 +120,42 @@ std::string readFile(const std::string& path) {
 }
 
 void writeFile(const std::string& path, const std::string& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << bytes;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+void rewrite(const std::string& path, const std::string& bytes) {
+    const int fd = open(path.c_str(), O_WRONLY);
+    ASSERT_GE(fd, 0) << path;
+    EXPECT_EQ(pwrite(fd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    close(fd);
+}
+
+std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string l; std::getline(in, l);) out.push_back(l);
+    return out;
+}
+
+std::string hex(const void* bytes, size_t n) {
+    static const char* d = "0123456789ABCDEF";
+    std::string s = "0x";
+    for (size_t k = 0; k < n; ++k) s += {d[static_cast<const uint8_t*>(bytes)[k] >> 4], d[static_cast<const uint8_t*>(bytes)[k] & 15]};
+    return s;
+}
+
+uint32_t recordOffset(int32_t id) {
+    cm::catalogue::Location loc{};
+    if (!cm::catalogue::locate(id, loc)) return 0;
+    uint32_t off = 4;
+    for (int r = 0; r < loc.iVarID_Rel; ++r) off += cm::catalogue::entry(loc.iFileIndex, r).wDataSize + 4;
+    return off;
+}
+
+const cm::catalogue::DataAccessStruct& entryOf(int32_t id) {
+    cm::catalogue::Location loc{};
+    cm::catalogue::locate(id, loc);
+    return cm::catalogue::entry(loc.iFileIndex, loc.iVarID_Rel);
 }
 
 }  // namespace cmtest

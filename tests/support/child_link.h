@@ -1,5 +1,5 @@
-// Helpers for the robustness programs: forked library users driven over a
-// pair of pipes with line messages, every wait bounded, and scratch roots.
+// A forked process driven over a pair of pipes with line messages, every
+// wait bounded; and scratch roots for the programs that fork them.
 #pragma once
 
 #include <sys/types.h>
@@ -16,26 +16,24 @@ public:
     static constexpr int kKilled = -1001;  // killed earlier by kill()
 
     ChildLink() = default;
-    ~ChildLink();
+    ~ChildLink() { kill(); }
     ChildLink(const ChildLink&) = delete;
     ChildLink& operator=(const ChildLink&) = delete;
 
-    // Forks; the child redirects stdout and stderr to `logPath` (when not
+    // Forks; the child sends its stdout and stderr to `logPath` (unless
     // empty) and runs `body`, which must not return.
-    bool spawn(const std::function<void()>& body, const std::string& logPath);
-    // In the parent: to the child.  In the child: to the parent.
-    void send(const std::string& line);
-    // Next line from the other side; false on timeout or end of stream.
-    bool receive(std::string& line, std::chrono::milliseconds timeout);
-    bool alive() const { return pid_ > 0 && !killed_; }
+    bool spawn(const std::function<void()>& body, const std::string& logPath = "");
+    void send(const std::string& line);  // to the other side
+    bool receive(std::string& line, std::chrono::milliseconds timeout);  // false on timeout or EOF
+    bool alive() const { return pid_ > 0; }
+    pid_t pid() const { return pid_; }
     void kill();
-    // Waits for the child to end: its exit status, minus the signal number
-    // when a signal ended it, kHung when it did not end in time, kKilled.
+    // The child's exit status, minus the signal number that ended it,
+    // kHung when it did not end in time, kKilled when already reaped.
     int finish(std::chrono::milliseconds timeout);
 
 private:
     pid_t pid_ = -1;
-    bool killed_ = false;
     int out_ = -1, in_ = -1;
     std::string pending_;
 };

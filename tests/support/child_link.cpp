@@ -1,13 +1,13 @@
-#include "robustness/child_link.h"
+#include "support/child_link.h"
 
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
@@ -15,43 +15,29 @@ namespace cmcheck {
 
 using Clock = std::chrono::steady_clock;
 
-ChildLink::~ChildLink() {
-    if (out_ >= 0) close(out_);
-    if (in_ >= 0) close(in_);
-    if (pid_ > 0 && !killed_) {
-        ::kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-}
-
 bool ChildLink::spawn(const std::function<void()>& body, const std::string& logPath) {
     int down[2], up[2];
     if (pipe2(down, O_CLOEXEC) != 0) return false;
-    if (pipe2(up, O_CLOEXEC) != 0) {
-        close(down[0]), close(down[1]);
-        return false;
-    }
-    const pid_t pid = fork();
-    if (pid < 0) return false;
-    if (pid == 0) {
+    if (pipe2(up, O_CLOEXEC) != 0) return close(down[0]), close(down[1]), false;
+    std::fflush(nullptr);
+    pid_ = fork();
+    if (pid_ < 0) return false;
+    if (pid_ == 0) {
         close(down[1]), close(up[0]);
         in_ = down[0], out_ = up[1];
-        if (!logPath.empty()) {
-            const int fd = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-            if (fd >= 0) dup2(fd, 1), dup2(fd, 2), close(fd);
-        }
+        const int fd = logPath.empty() ? -1 : open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        if (fd >= 0) dup2(fd, 1), dup2(fd, 2), close(fd);
         body();
         _exit(120);
     }
     close(down[0]), close(up[1]);
-    pid_ = pid, out_ = down[1], in_ = up[0];
+    out_ = down[1], in_ = up[0];
     return true;
 }
 
 void ChildLink::send(const std::string& line) {
     const std::string msg = line + "\n";
-    size_t done = 0;
-    while (done < msg.size()) {
+    for (size_t done = 0; done < msg.size();) {
         const ssize_t n = write(out_, msg.data() + done, msg.size() - done);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return;
@@ -62,20 +48,17 @@ void ChildLink::send(const std::string& line) {
 bool ChildLink::receive(std::string& line, std::chrono::milliseconds timeout) {
     const auto end = Clock::now() + timeout;
     for (;;) {
-        const size_t nl = pending_.find('\n');
-        if (nl != std::string::npos) {
+        if (const size_t nl = pending_.find('\n'); nl != std::string::npos) {
             line = pending_.substr(0, nl);
             pending_.erase(0, nl + 1);
             return true;
         }
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
-        if (left <= 0) return false;
         pollfd p{in_, POLLIN, 0};
-        const int r = poll(&p, 1, static_cast<int>(left));
+        const int r = left < 0 ? 0 : poll(&p, 1, static_cast<int>(left));
         if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) return false;
         char buf[4096];
-        const ssize_t n = read(in_, buf, sizeof buf);
+        const ssize_t n = r <= 0 ? 0 : read(in_, buf, sizeof buf);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
         pending_.append(buf, static_cast<size_t>(n));
@@ -83,17 +66,18 @@ bool ChildLink::receive(std::string& line, std::chrono::milliseconds timeout) {
 }
 
 void ChildLink::kill() {
-    if (pid_ <= 0 || killed_) return;
+    if (out_ >= 0) close(out_), out_ = -1;
+    if (in_ >= 0) close(in_), in_ = -1;
+    if (pid_ <= 0) return;
     ::kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
-    killed_ = true;
+    pid_ = -1;
 }
 
 int ChildLink::finish(std::chrono::milliseconds timeout) {
-    if (killed_) return kKilled;
     if (pid_ <= 0) return kKilled;
     const int status = waitBounded(pid_, timeout);
-    killed_ = true;  // reaped either way
+    pid_ = -1;  // reaped either way
     return status;
 }
 
