@@ -84,6 +84,7 @@ protected:
     void TearDown() override { cmtest::resetLibraryState(); }
     cmtest::TempRoot root;
     const std::string precious = root.path("/precious");
+    cmtest::CaptureSink log;  // outlives TearDown's stop of the watch thread, which logs into it
 };
 
 // Links at every fixed path: the master replaces each data file, the lock
@@ -97,7 +98,6 @@ TEST_F(HostileUser, LinksAtFixedPathsAreNeverFollowed) {
             if (symlink(precious.c_str(), p.c_str()) != 0) return 1;
         return 0;
     }), 0);
-    cmtest::CaptureSink log;
     ASSERT_EQ(CM_init(1), 0);
     EXPECT_EQ(CM_LoadAllDefaults(), 0);
     EXPECT_EQ(CM_TagMapping(), 1);
@@ -141,7 +141,6 @@ TEST_F(HostileUser, FilesOfAnotherUserAreNotAdopted) {
         cmtest::writeFile(lock, "Locked");
         return chmod(vol.c_str(), 0666) | chmod(lock.c_str(), 0644);
     }), 0);
-    cmtest::CaptureSink log;
     log::dwLogFilter = 7;
     ASSERT_EQ(CM_init(1), 0);
     const struct stat st = lstatOf(vol);
@@ -170,7 +169,6 @@ TEST_F(HostileUser, BackupsArePrivateAndCannotBeRedirected) {
         return 0;
     }, true);
     const mode_t oldMask = umask(0);
-    cmtest::CaptureSink log;
     ASSERT_EQ(CM_init(1), 0);
     ASSERT_EQ(CM_Set_Variable(UNIT_NAME, text("a\nCONSOLE_LOG : 77\r")), 0);
     int refused = 0;
@@ -251,7 +249,6 @@ TEST_F(HostileUser, ReopenReportsLengthAndExportedCallbacksAreTheRegisteredOnes)
         return log.contains("failed to register CONSOLE_LOG") ? 0 : 2;
     }, false), 0);
     ASSERT_EQ(CM_init(1), 0);
-    cmtest::CaptureSink log;
     log::dwLogFilter = 7;
     EXPECT_EQ(CM_OpenFile(5), 0);
     EXPECT_TRUE(log.contains("opened with length"));

@@ -15,6 +15,7 @@
 #include "platform/safe_open.h"
 #include "process/state.h"
 #include "storage/file_state.h"
+#include "storage/lock.h"
 #include "storage/map_guard.h"
 #include "storage/unlocked_look.h"
 
@@ -32,6 +33,21 @@ void prepareOpen(int i) {
     if (dwLenCorrectFile[i] == 0) dwLenCorrectFile[i] = correctLength(i);
     bBadFile[i] = 0;
     dwLenActualFile[i] = 0;
+}
+
+// The watch thread closes and reopens a deleted file under its mutex, so a
+// descriptor this thread did not just open is looked at under it too.
+int statUnderMutex(int i, struct stat& st) {
+    constexpr const char* fn = "CM_OpenFile";
+    if (lockMutex(i, fn) != 0) {
+        errno = EBADF;
+        return -1;
+    }
+    const int rc = fstat(fdRead[i], &st);
+    const int err = errno;
+    unlockMutex(i, fn);
+    errno = err;
+    return rc;
 }
 
 // Logs why an entry at a data file's path was refused.  The master removes
@@ -94,7 +110,7 @@ int openFile(int i) {
         if (checkedSize >= 0) {
             st.st_size = checkedSize;
             checkedSize = -1;
-        } else if (fstat(fd, &st) != 0) {
+        } else if (statUnderMutex(i, st) != 0) {
             const int err = errno;
             CM_LOG(log::kErr, fn, "PID=%d. Failed to fstat CM data file [%d] '%s': errno=%d '%s'\n", getpid(), i,
                    path, err, std::strerror(err));
