@@ -84,7 +84,8 @@ endef
 $(eval $(call cross_leg,be,$(BUILD_BE),s390x,ELF 64-bit MSB.*S/390))
 $(eval $(call cross_leg,ppc,$(BUILD_PPC),ppc,ELF 32-bit MSB.*PowerPC))
 # The targets the two lines above define, named here so that a search finds them.
-test-be test-ppc:
+test-be:
+test-ppc:
 
 install: $(BUILD)/CMakeCache.txt
 	cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX)
