@@ -1,7 +1,6 @@
 // The backup text and the restore from it: the rendering of every type, a
 // round trip of a changed configuration (with and without a filter), and
 // what the restore makes of bad files.
-#include <map>
 
 #include "support/test_support.h"
 

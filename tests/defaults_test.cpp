@@ -2,7 +2,6 @@
 // which records each level resets, the factory reset's clean-up run for real
 // inside the root, and the all-defaults lock file seen by another process.
 #include <array>
-#include <filesystem>
 
 #include "defaults/cleanup.h"
 #include "support/agent.h"

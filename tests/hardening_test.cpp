@@ -3,9 +3,6 @@
 // child with an alarm; its exit status n > 0 names the failed check.
 #include <malloc.h>
 
-#include <climits>
-#include <filesystem>
-
 #include "setup/setup.h"
 #include "storage/lock.h"
 #include "support/test_support.h"

@@ -1,6 +1,5 @@
 // The interest registry and the CMSIF changed-variable list, in one process.
 #include "notify/var_list.h"
-#include "storage/record.h"
 #include "support/test_support.h"
 
 namespace {

@@ -1,22 +1,11 @@
 // A process's own sets as its own watch thread sees them: the pass that a
 // set's record write triggers is left to the event of its check-word write,
 // and nothing may be lost or doubled on the way.
-#include <gtest/gtest.h>
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <thread>
-
-#include "catalogue/lookup.h"
 #include "configmanager/cm_lifecycle.h"
 #include "configmanager/cm_notify.h"
 #include "configmanager/cm_vars.h"
-#include "platform/paths.h"
-#include "storage/file_state.h"
 #include "storage/own_write.h"
-#include "storage/record.h"
 #include "support/test_support.h"
 
 namespace {

@@ -1,5 +1,4 @@
 // The sorted tag table, its cache file and the lookups by tag.
-#include <algorithm>
 
 #include "support/test_support.h"
 #include "tags/tag_table.h"

@@ -2,13 +2,8 @@
 
 #include <stdarg.h>
 
-#include <fstream>
-#include <sstream>
-
-#include "catalogue/lookup.h"
 #include "configmanager/applog.h"
 #include "lifecycle/shutdown.h"
-#include "storage/open_map.h"
 #include "support/child_link.h"
 #include "tags/tag_table.h"
 #include "watch/watch_thread.h"

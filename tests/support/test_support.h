@@ -6,24 +6,39 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
+#include <map>
 #include <mutex>
+#include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "catalogue/catalogue.h"
+#include "catalogue/lookup.h"
+#include "configmanager/cm_host.h"
 #include "configmanager/configmanager.h"
 #include "log/log.h"
 #include "log/sink.h"
 #include "platform/env.h"
 #include "platform/paths.h"
 #include "process/state.h"
+#include "storage/open_map.h"
+#include "storage/record.h"
 #include "storage/file_state.h"
 
 using namespace std::chrono_literals;
