@@ -2,9 +2,6 @@
 // set's record write triggers is left to the event of its check-word write,
 // and nothing may be lost or doubled on the way.
 
-#include "configmanager/cm_lifecycle.h"
-#include "configmanager/cm_notify.h"
-#include "configmanager/cm_vars.h"
 #include "storage/own_write.h"
 #include "support/test_support.h"
 
@@ -35,32 +32,20 @@ uint8_t get(int32_t id) {
     return v;
 }
 
-// Writes one byte of the file the way another process does, with a plain
-// write (from a child, so that no descriptor of this process is closed while
-// its watch thread may hold a file lock).
+// Writes one byte of the file as another process does, with a plain write
+// (from a child: no descriptor of this process closes under its watch thread).
 void foreignWrite(uint8_t v, off_t at) {
     const std::string path = cm::storage::pathOf(kFile);
-    const pid_t pid = fork();
-    if (pid == 0) {
+    ASSERT_EQ(cmtest::inChild([&] {
         const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-        _exit(fd >= 0 && pwrite(fd, &v, 1, at) == 1 ? 0 : 1);
-    }
-    int status = 1;
-    waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        return fd >= 0 && pwrite(fd, &v, 1, at) == 1 ? 0 : 1;
+    }), cmtest::kChildOk);
 }
 
-off_t dataOffset(int32_t id) {
-    cm::catalogue::Location loc{};
-    cm::catalogue::locate(id, loc);
-    return cm::catalogue::entry(loc.iFileIndex, loc.iVarID_Rel).recordOffset() + 4;
-}
-
-class OwnWrites : public ::testing::Test {
+class OwnWrites : public cmtest::LibraryTest {
 protected:
     void SetUp() override {
-        cmtest::resetLibraryState();
-        cm::paths::setRoot(root.dir());
+        LibraryTest::SetUp();
         ASSERT_EQ(CM_init(1), 0);
         for (int k = 0; k < 3; ++k) {
             g_calls[k] = 0;
@@ -69,12 +54,6 @@ protected:
             ASSERT_EQ(CM_Register_Interest(kVars[k], onChange), 0);
         }
     }
-    void TearDown() override {
-        CM_Exit();
-        cmtest::resetLibraryState();
-    }
-    cmtest::TempRoot root;
-    cmtest::CaptureSink sink;
 };
 
 // Every set is visible to the next get at once and reaches the callback once
@@ -126,7 +105,7 @@ TEST_F(OwnWrites, ChangesArrivingDuringAHalfDoneSetAreStillTold) {
         SCOPED_TRACE(c.what);
         const int before = g_calls[2];
         cm::storage::ownwrite::begin(kFile);
-        foreignWrite(++value, dataOffset(kVars[2]));
+        foreignWrite(++value, cmtest::recordOffset(kVars[2]) + 4);
         ASSERT_TRUE(cmtest::waitFor([] { return cm::storage::ownwrite::passLeft(kFile); }));
         EXPECT_EQ(g_calls[2], before);
         if (c.checkWordFollows) {

@@ -3,7 +3,6 @@
 // crash or hang; a shared word names the call under way.
 #include <sys/mman.h>
 
-#include "configmanager/cm_tools.h"
 #include "support/test_support.h"
 
 namespace {
