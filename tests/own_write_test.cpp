@@ -56,10 +56,8 @@ protected:
     }
 };
 
-// Every set is visible to the next get at once and reaches the callback once
-// (a later change of another variable of the file, seen after it, bounds the
-// wait for a duplicate); back-to-back sets of one variable end with a
-// callback that reads the last value.
+// Every set is read back at once and told once (a later change of another variable
+// bounds the wait for a duplicate); back-to-back sets end told with the last value.
 TEST_F(OwnWrites, SetsAreReadBackAtOnceAndToldOnceWithTheLastValue) {
     for (uint8_t v : {11, 12, 13}) {
         const int before = g_calls[0];
