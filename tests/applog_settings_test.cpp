@@ -114,9 +114,8 @@ TEST_F(Applog, SettingsFollowVariablesChangedByAnotherProcess) {
     addLogVerbs();
     cmtest::Agent agent;
     start();
-    // 'once': logging on for this run, off for the next.  Set before the
-    // agent starts, so that its watch thread has no notification of this
-    // write pending when the 'once' handling begins.
+    // 'once': on for this run, off for the next; set before the agent starts, so no
+    // notification of this write is pending when its 'once' handling begins.
     ASSERT_EQ(setNumber(GENERAL_LOG_MODE, 2), 0);
     ASSERT_EQ(agent.call("init 0"), "ok 0");
     ASSERT_EQ(agent.call("applog " + std::to_string(GENERAL_LOG_MODE) + " " + std::to_string(GENERAL_LOG_FILTER)),

@@ -1,12 +1,10 @@
 // The backup text and the restore from it: the rendering of every type, a
 // round trip of a changed configuration (with and without a filter), and
 // what the restore makes of bad files.
-#include <map>
 
 #include "support/test_support.h"
 
 using cm::catalogue::DataAccessStruct;
-using cm::catalogue::sConfigItemList;
 
 namespace {
 
@@ -33,27 +31,12 @@ std::string renderDefault(const DataAccessStruct& e) {
 
 std::vector<std::string> expectedBackup(bool withVolatile, bool withOctets) {
     std::vector<std::string> out = {"SOFTWARE_VERSION : Unknown"};
-    for (int f = withVolatile ? 0 : 1; f < CM_NUM_FILES; ++f)
-        for (int r = 0; r < sConfigItemList[f].iNumItems; ++r) {
-            const auto& e = sConfigItemList[f].pItems[r];
-            if (sConfigItemList[f].iFirstVarID + r == SOFTWARE_VERSION) continue;
-            if (!withOctets && (e.ucDataType == DT_OCTET_STRING || e.ucDataType == DT_PASSWORD)) continue;
-            out.push_back(std::string(e.szVarTag) + " : " + renderDefault(e));
-        }
+    for (const auto& v : cmtest::allVars()) {
+        if (v.id == SOFTWARE_VERSION || (!withVolatile && v.file == 0)) continue;
+        if (!withOctets && (v.e->ucDataType == DT_OCTET_STRING || v.e->ucDataType == DT_PASSWORD)) continue;
+        out.push_back(v.tag + " : " + renderDefault(*v.e));
+    }
     return out;
-}
-
-struct Var {
-    int32_t id;
-    const DataAccessStruct* e;
-};
-
-std::vector<Var> allVars() {
-    std::vector<Var> v;
-    for (int f = 0; f < CM_NUM_FILES; ++f)
-        for (int r = 0; r < sConfigItemList[f].iNumItems; ++r)
-            v.push_back({sConfigItemList[f].iFirstVarID + r, &sConfigItemList[f].pItems[r]});
-    return v;
 }
 
 std::string bare(int32_t id) {
@@ -64,7 +47,7 @@ std::string bare(int32_t id) {
 
 std::map<int32_t, std::string> snapshot() {
     std::map<int32_t, std::string> m;
-    for (const auto& v : allVars()) m[v.id] = bare(v.id);
+    for (const auto& v : cmtest::allVars()) m[v.id] = bare(v.id);
     return m;
 }
 
@@ -76,7 +59,7 @@ protected:
     }
     // Every variable but CM_FLAG changed away from its default, by type.
     static void changeEverything() {
-        for (const auto& [id, e] : allVars()) {
+        for (const auto& [id, f, r, e, tag] : cmtest::allVars()) {
             if (id == CM_FLAG || id == SOFTWARE_VERSION) continue;  // the backup's own line
             const uint32_t spread = static_cast<uint32_t>(id) * 2654435761u;
             std::string text;
@@ -161,7 +144,7 @@ TEST_F(BackupRestore, RoundTripWithAndWithoutFilter) {
 
     auto check = [&](const std::string& heldBack) {
         int held = 0;
-        for (const auto& [id, e] : allVars()) {
+        for (const auto& [id, f, r, e, tag] : cmtest::allVars()) {
             const std::string now = bare(id);
             if (!heldBack.empty() && std::string(e->szVarTag).rfind(heldBack, 0) == 0) {
                 ++held;

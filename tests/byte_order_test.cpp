@@ -1,8 +1,5 @@
-// The build runs with the byte order and word size of its target processor:
-// on the s390x leg that is 64-bit big-endian, on the PowerPC leg 32-bit
-// big-endian like the gateway, so a passing suite there was not silently
-// run on the host's own code.  (The file layout itself is checked byte by
-// byte by the storage tests.)
+// The build runs with its target's byte order and word size, so a passing
+// big-endian leg really ran big-endian code.
 #include <gtest/gtest.h>
 
 #include <bit>

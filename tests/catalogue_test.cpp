@@ -1,14 +1,8 @@
 // Checks of the generated catalogue tables against the values they must hold.
-#include <gtest/gtest.h>
-
-#include <cstring>
 #include <regex>
-#include <set>
-#include <string>
 #include <tuple>
 
-#include "catalogue/catalogue.h"
-#include "configmanager/cm_vars.h"
+#include "support/test_support.h"
 
 namespace cm::catalogue {
 namespace {

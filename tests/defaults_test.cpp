@@ -2,7 +2,6 @@
 // which records each level resets, the factory reset's clean-up run for real
 // inside the root, and the all-defaults lock file seen by another process.
 #include <array>
-#include <filesystem>
 
 #include "defaults/cleanup.h"
 #include "support/agent.h"
@@ -23,13 +22,7 @@ Files readAll() {
 // Calls fn(file, relative ID, offset of the record's data) for every record.
 template <typename Fn>
 void forEachRecord(Fn fn) {
-    for (int i = 0; i < CM_NUM_FILES; ++i) {
-        uint32_t off = 4;
-        for (int r = 0; r < sConfigItemList[i].iNumItems; ++r) {
-            fn(i, r, off + 4);
-            off += sConfigItemList[i].pItems[r].wDataSize + 4;
-        }
-    }
+    for (const auto& v : cmtest::allVars()) fn(v.file, v.rel, cmtest::recordOffset(v.id) + 4);
 }
 
 // Changes the first data byte of every record, writing in place.
@@ -70,21 +63,6 @@ TEST_F(Defaults, GeneralDefaultsResetExactlyGroupThree) {
     EXPECT_TRUE(log.contains("****** Loaded General (GROUP3) CM variable defaults. ******\n"));
 }
 
-// Records the shell commands, and runs them: inside the private root.
-class ShellRecorder final : public cm::platform::Env {
-public:
-    ShellRecorder() { cm::platform::setEnv(this); }
-    ~ShellRecorder() override { cm::platform::setEnv(nullptr); }
-    void sleepFor(std::chrono::nanoseconds) override { std::this_thread::sleep_for(200us); }
-    std::chrono::steady_clock::time_point now() override { return std::chrono::steady_clock::now(); }
-    long random() override { return 0; }
-    int shell(const char* command) override {
-        commands.emplace_back(command);
-        return std::system(command);
-    }
-    std::vector<std::string> commands;
-};
-
 TEST_F(Defaults, FactoryResetKeepsTheVersionAndCleansOnlyInsideTheRoot) {
     // A root that breaks naive quoting, or runs a command if unquoted.
     const std::string dir = root.dir() + "/it's a root;touch INJECTED";
@@ -92,7 +70,7 @@ TEST_F(Defaults, FactoryResetKeepsTheVersionAndCleansOnlyInsideTheRoot) {
     fs::create_directories(dir + "/var/AppData/config");
     ASSERT_TRUE(cm::paths::setRoot(dir));
     cmtest::CaptureSink log;
-    ShellRecorder shell;
+    cmtest::FastEnv shell;  // records the commands, run inside the private root
     start();
     // Files each step removes, and near misses that must survive.
     const struct {
@@ -143,19 +121,6 @@ TEST_F(Defaults, FactoryResetKeepsTheVersionAndCleansOnlyInsideTheRoot) {
     ASSERT_TRUE(cm::paths::setRoot(dir));
 }
 
-// Notes whether the lock file exists whenever a record is written.
-class LockProbe final : public cm::log::Sink {
-public:
-    LockProbe() { cm::log::setSink(this); }
-    ~LockProbe() override { cm::log::setSink(nullptr); }
-    void write(cm::log::Channel, int, const char* fmt, va_list) override {
-        if (std::strstr(fmt, "written at offset")) (access(cm::paths::defaultsLockFile(), F_OK) == 0 ? held : free)++;
-        if (std::strstr(fmt, "Failed to create lock file")) ++lockFailed;
-        if (std::strstr(fmt, "but with errors during processing")) ++withErrors;
-    }
-    int held = 0, free = 0, lockFailed = 0, withErrors = 0;
-};
-
 TEST_F(Defaults, AllDefaultsRebuildEveryFileUnderTheLockFile) {
     cmtest::Agent watcher;  // spawned before this process starts the library
     start();
@@ -165,11 +130,14 @@ TEST_F(Defaults, AllDefaultsRebuildEveryFileUnderTheLockFile) {
     ASSERT_EQ(watcher.call("reg " + std::to_string(CMS_LINK_INACTIVITY)), "ok 0");
 
     cm::log::dwLogFilter = 7;  // lets the per-record progress lines through
-    LockProbe probe;
+    int held = 0, free = 0;  // records written with and without the lock file there
+    cmtest::CaptureSink probe([&](const std::string& line) {
+        if (line.find("written at offset") != std::string::npos) ++(access(cm::paths::defaultsLockFile(), F_OK) == 0 ? held : free);
+    });
     EXPECT_EQ(CM_Load_All_Defaults(), 0);
     cm::log::dwLogFilter = 5;
-    EXPECT_EQ(probe.free, 0);
-    EXPECT_GE(probe.held, 3088);
+    EXPECT_EQ(free, 0);
+    EXPECT_GE(held, 3088);
     EXPECT_NE(access(cm::paths::defaultsLockFile(), F_OK), 0);
     EXPECT_EQ(readAll(), pristine);
     ASSERT_TRUE(watcher.waitCallbacks(1));
@@ -183,10 +151,10 @@ TEST_F(Defaults, AllDefaultsRebuildEveryFileUnderTheLockFile) {
     cmtest::resetLibraryState();
     fs::remove_all(root.path("/tmp"));
     flipEveryRecord(pristine);
-    LockProbe failing;
+    cmtest::CaptureSink failing;
     EXPECT_EQ(CM_LoadAllDefaults(), -1);
-    EXPECT_EQ(failing.lockFailed, 1);
-    EXPECT_EQ(failing.withErrors, 1);
+    EXPECT_EQ(failing.count("Failed to create lock file"), 1);
+    EXPECT_EQ(failing.count("but with errors during processing"), 1);
     const Files after = readAll();
     for (int i = 1; i < CM_NUM_FILES; ++i) {
         EXPECT_EQ(after[i], pristine[i]) << "file " << i;

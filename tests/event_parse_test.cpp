@@ -4,7 +4,6 @@
 #include <cstddef>
 
 #include "inotify/event_parse.h"
-#include "storage/open_map.h"
 #include "support/test_support.h"
 
 using namespace cm::inotify;

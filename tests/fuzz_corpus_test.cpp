@@ -1,13 +1,6 @@
 // Replays every input kept for the fuzz targets (tests/fuzz-corpus/<target>/):
 // the seeds and any input that once broke a target.
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-#include <vector>
-
+#include "support/test_support.h"
 #include "targets.h"
 
 namespace {

@@ -109,9 +109,8 @@ TEST_F(GetSet, PasswordFailureLeavesTheSetMutexHeldByTheCaller) {
     EXPECT_EQ(got, 7001);
 }
 
-// Every variable reads as its catalogue default after a master start, and
-// its bare text parses back without changing a byte of any file.  Octet
-// strings are left out: their text parses as raw bytes, not as hex.
+// Every variable reads as its default after a master start; its bare text parses
+// back without changing a byte (octet strings aside: their text parses as raw bytes).
 TEST_F(GetSet, EveryDefaultReadsAndItsTextRoundTrips) {
     ASSERT_EQ(CM_init(1), 0);
     const std::string before = files();

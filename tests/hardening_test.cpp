@@ -3,9 +3,6 @@
 // child with an alarm; its exit status n > 0 names the failed check.
 #include <malloc.h>
 
-#include <climits>
-#include <filesystem>
-
 #include "setup/setup.h"
 #include "storage/lock.h"
 #include "support/test_support.h"
@@ -168,21 +165,9 @@ TEST_F(Hardening, ChildForkedAfterStartCanRestart) {
 }
 
 // Runs `action` before writing a message that holds `text`.
-class OnMessage final : public log::Sink {
-public:
-    OnMessage(std::string text, std::function<void()> action) : text_(std::move(text)), action_(std::move(action)) {
-        log::setSink(this);
-    }
-    ~OnMessage() override { log::setSink(nullptr); }
-    void write(log::Channel, int, const char* fmt, va_list ap) override {
-        char text[1024];
-        vsnprintf(text, sizeof text, fmt, ap);
-        if (std::strstr(text, text_.c_str()) != nullptr) action_();
-    }
-
-private:
-    std::string text_;
-    std::function<void()> action_;
+struct OnMessage : cmtest::CaptureSink {
+    OnMessage(const std::string& text, const std::function<void()>& action)
+        : CaptureSink([=](const std::string& line) { if (line.find(text) != std::string::npos) action(); }) {}
 };
 
 // Stops while the watch thread diffs and runs a callback that reads, then a

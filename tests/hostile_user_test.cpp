@@ -1,32 +1,10 @@
-// A hostile local user: an unprivileged user of the device (a child that
-// drops to "nobody") plants links, pre-creates files and queues or creates
-// the lock file in the shared directories; the root side then starts the
-// library, loads all defaults and writes backups and the tag cache.  The
-// planted targets must stay unchanged, and each operation must either work
-// or fail with its specified result.  Needs root.
-#include <gtest/gtest.h>
-#include <fcntl.h>
+// An unprivileged user (a child as "nobody") plants links, files, queues and
+// the lock file in shared directories; the root side's operations must work
+// or fail as specified, leaving the planted targets unchanged.  Needs root.
 #include <grp.h>
 #include <mqueue.h>
 #include <pwd.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <climits>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <functional>
-
-#include "configmanager/cm_host.h"
-#include "configmanager/configmanager.h"
-#include "log/log.h"
-#include "platform/env.h"
-#include "platform/paths.h"
-#include "storage/file_state.h"
 #include "support/test_support.h"
 
 using namespace cm;

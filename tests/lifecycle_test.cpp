@@ -2,9 +2,6 @@
 // handling of a stale all-defaults lock file.
 #include <sys/resource.h>
 
-#include <filesystem>
-
-#include "storage/record.h"
 #include "support/child_link.h"
 #include "support/test_support.h"
 

@@ -1,8 +1,6 @@
 // Lookups by name and by ID, conversions and their messages.
-#include <algorithm>
 #include <tuple>
 
-#include "catalogue/lookup.h"
 #include "support/test_support.h"
 
 namespace {

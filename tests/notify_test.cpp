@@ -1,6 +1,5 @@
 // The interest registry and the CMSIF changed-variable list, in one process.
 #include "notify/var_list.h"
-#include "storage/record.h"
 #include "support/test_support.h"
 
 namespace {
@@ -56,10 +55,8 @@ TEST_F(Registry, CallbacksRunInRegistrationOrderAndUnregisterRelinks) {
     EXPECT_TRUE(sink.contains("CM - Notified 0 tasks of the change to variable with ID 12.\n"));
 }
 
-// The list reads CM_FLAG from the volatile file, so this suite starts the
-// library for real; it writes only CM_FLAG, which is never reported, so the
-// watch thread never calls into the recorded callbacks.  The CMSIF callback
-// can be installed once per process.
+// A started library (the list reads CM_FLAG, never reported, so the watch thread
+// calls no recorded callback); the CMSIF callback is installed once per process.
 class CmsifList : public cmtest::LibraryTest {
 protected:
     static void SetUpTestSuite() {

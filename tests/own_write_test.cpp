@@ -1,22 +1,8 @@
 // A process's own sets as its own watch thread sees them: the pass that a
 // set's record write triggers is left to the event of its check-word write,
 // and nothing may be lost or doubled on the way.
-#include <gtest/gtest.h>
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <thread>
-
-#include "catalogue/lookup.h"
-#include "configmanager/cm_lifecycle.h"
-#include "configmanager/cm_notify.h"
-#include "configmanager/cm_vars.h"
-#include "platform/paths.h"
-#include "storage/file_state.h"
 #include "storage/own_write.h"
-#include "storage/record.h"
 #include "support/test_support.h"
 
 namespace {
@@ -46,32 +32,20 @@ uint8_t get(int32_t id) {
     return v;
 }
 
-// Writes one byte of the file the way another process does, with a plain
-// write (from a child, so that no descriptor of this process is closed while
-// its watch thread may hold a file lock).
+// Writes one byte of the file as another process does, with a plain write
+// (from a child: no descriptor of this process closes under its watch thread).
 void foreignWrite(uint8_t v, off_t at) {
     const std::string path = cm::storage::pathOf(kFile);
-    const pid_t pid = fork();
-    if (pid == 0) {
+    ASSERT_EQ(cmtest::inChild([&] {
         const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-        _exit(fd >= 0 && pwrite(fd, &v, 1, at) == 1 ? 0 : 1);
-    }
-    int status = 1;
-    waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        return fd >= 0 && pwrite(fd, &v, 1, at) == 1 ? 0 : 1;
+    }), cmtest::kChildOk);
 }
 
-off_t dataOffset(int32_t id) {
-    cm::catalogue::Location loc{};
-    cm::catalogue::locate(id, loc);
-    return cm::catalogue::entry(loc.iFileIndex, loc.iVarID_Rel).recordOffset() + 4;
-}
-
-class OwnWrites : public ::testing::Test {
+class OwnWrites : public cmtest::LibraryTest {
 protected:
     void SetUp() override {
-        cmtest::resetLibraryState();
-        cm::paths::setRoot(root.dir());
+        LibraryTest::SetUp();
         ASSERT_EQ(CM_init(1), 0);
         for (int k = 0; k < 3; ++k) {
             g_calls[k] = 0;
@@ -80,18 +54,10 @@ protected:
             ASSERT_EQ(CM_Register_Interest(kVars[k], onChange), 0);
         }
     }
-    void TearDown() override {
-        CM_Exit();
-        cmtest::resetLibraryState();
-    }
-    cmtest::TempRoot root;
-    cmtest::CaptureSink sink;
 };
 
-// Every set is visible to the next get at once and reaches the callback once
-// (a later change of another variable of the file, seen after it, bounds the
-// wait for a duplicate); back-to-back sets of one variable end with a
-// callback that reads the last value.
+// Every set is read back at once and told once (a later change of another variable
+// bounds the wait for a duplicate); back-to-back sets end told with the last value.
 TEST_F(OwnWrites, SetsAreReadBackAtOnceAndToldOnceWithTheLastValue) {
     for (uint8_t v : {11, 12, 13}) {
         const int before = g_calls[0];
@@ -137,7 +103,7 @@ TEST_F(OwnWrites, ChangesArrivingDuringAHalfDoneSetAreStillTold) {
         SCOPED_TRACE(c.what);
         const int before = g_calls[2];
         cm::storage::ownwrite::begin(kFile);
-        foreignWrite(++value, dataOffset(kVars[2]));
+        foreignWrite(++value, cmtest::recordOffset(kVars[2]) + 4);
         ASSERT_TRUE(cmtest::waitFor([] { return cm::storage::ownwrite::passLeft(kFile); }));
         EXPECT_EQ(g_calls[2], before);
         if (c.checkWordFollows) {

@@ -2,8 +2,6 @@
 // repairs while other processes only flag.
 #include "platform/byte_order.h"
 #include "setup/setup.h"
-#include "storage/open_map.h"
-#include "storage/record.h"
 #include "support/test_support.h"
 
 using namespace cm::storage;

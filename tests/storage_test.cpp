@@ -1,13 +1,10 @@
 // Data files: opening and creating them, the mapping's length, records in
 // big-endian form, defaults, and the file lock between threads and processes.
 #include <arpa/inet.h>
-#include <signal.h>
 #include <sys/resource.h>
 
 #include "storage/defaults.h"
 #include "storage/lock.h"
-#include "storage/open_map.h"
-#include "storage/record.h"
 #include "support/test_support.h"
 #include "values/ipaddr.h"
 

@@ -1,5 +1,4 @@
 // The sorted tag table, its cache file and the lookups by tag.
-#include <algorithm>
 
 #include "support/test_support.h"
 #include "tags/tag_table.h"
@@ -7,18 +6,6 @@
 using cm::catalogue::sConfigItemList;
 
 namespace {
-
-struct CatalogueTag {
-    std::string tag;
-    int file, rel;
-};
-
-std::vector<CatalogueTag> catalogueTags() {
-    std::vector<CatalogueTag> all;
-    for (int f = 0; f < CM_NUM_FILES; ++f)
-        for (int r = 0; r < sConfigItemList[f].iNumItems; ++r) all.push_back({sConfigItemList[f].pItems[r].szVarTag, f, r});
-    return all;
-}
 
 using cmtest::lines;
 
@@ -45,7 +32,7 @@ protected:
 };
 
 TEST_F(Tags, MappingSortsEveryTagAndWritesTheCache) {
-    auto expected = catalogueTags();
+    auto expected = cmtest::allVars();
     ASSERT_EQ(expected.size(), static_cast<size_t>(CM_NUM_TAGS));
     std::sort(expected.begin(), expected.end(), [](auto& a, auto& b) { return a.tag < b.tag; });
 
@@ -132,7 +119,7 @@ TEST_F(Tags, QuestionableCachesThatAreAccepted) {
     EXPECT_EQ(CM_Load_CMTagSortedList(), 1);
     EXPECT_TRUE(sink.lines().empty());
     int found = 0;
-    for (const auto& t : catalogueTags())
+    for (const auto& t : cmtest::allVars())
         if (int32_t id; CM_FindMatchingCMvarTag(t.tag.c_str(), &id) == 0) {
             EXPECT_EQ(CM_GetCMvarTag(id), t.tag);
             ++found;

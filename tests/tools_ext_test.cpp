@@ -1,9 +1,7 @@
 // The extensions for tools: the read-only file check finds every damaged
 // record (not just the first), never changes a file and needs no started
 // library; the log descriptor receives every written message.
-#include <climits>
 
-#include "configmanager/cm_host.h"
 #include "support/test_support.h"
 
 namespace {

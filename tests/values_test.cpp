@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <openssl/evp.h>
 
-#include "catalogue/lookup.h"
 #include "support/test_support.h"
 
 namespace {

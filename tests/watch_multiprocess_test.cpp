@@ -1,6 +1,5 @@
 // Change notification across real processes: real inotify, real fcntl locks,
 // real files under a private root.
-#include <set>
 
 #include "support/agent.h"
 #include "support/test_support.h"

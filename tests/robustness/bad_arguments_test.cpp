@@ -1,18 +1,8 @@
-// Every exported function that takes arguments, called with each extreme
-// value (negative, INT_MIN, INT_MAX, one past the last ID) and null
-// pointers, before and after a start: none may crash or hang.  The sweep
-// runs in a child with an alarm; a shared word names the call under way, so
-// a crash or hang is reported by name.
-#include <gtest/gtest.h>
+// Every exported function with arguments, given extreme values and null
+// pointers before and after a start, in a child with an alarm: none may
+// crash or hang; a shared word names the call under way.
 #include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <climits>
-
-#include "configmanager/cm_host.h"
-#include "configmanager/cm_tools.h"
-#include "configmanager/configmanager.h"
 #include "support/test_support.h"
 
 namespace {

@@ -1,10 +1,6 @@
-// Multi-process stress run: one master and N-1 other processes write their
-// own variables and a few shared ones in several files while each watches
-// all of them.  At the end every process must read what the files hold and
-// every watcher's last callback must have seen each final value (values are
-// never repeated, so anything else is a lost change); no process may crash
-// or hang.  Exits 1 on any of these.
-//   cm_stress [seconds [processes]]      (defaults: 20 s, 8 processes)
+// Stress run (cm_stress [seconds [processes]], default 20 s, 8): every process
+// writes and watches; at the end all read what the files hold and every
+// watcher saw each final value (values never repeat).  Exits 1 otherwise.
 #include <configmanager/configmanager.h>
 #include <configmanager/cm_host.h>
 #include <unistd.h>

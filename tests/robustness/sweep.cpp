@@ -1,22 +1,8 @@
-// Corruption sweep: damages data files in every small way and checks that a
-// master repairs each to a good file and that another process never crashes
-// or hangs on it.
-//
-//   cm_sweep [budget-seconds [stride]]
-//       budget: default 60; cases left at its end are counted as not run.
-//       stride: runs every stride-th case only (default 1: all), for quick
-//       runs inside the test suite.
-//
-// Damage: bit flips and byte inversions over the smallest persistent file
-// and the head of the largest, truncations, junk appended.  Each case runs
-// the file set-up in a forked process:
-//  - non-master: ends with a check result (no signal, no hang) and leaves
-//    the file as it was (empty files are left out: a non-master waits
-//    without limit for an empty file to be filled);
-//  - master: when the check found a fault, the file must equal a fresh one
-//    byte for byte; when it found none, the damaged file cut to its correct
-//    length (damage inside a value is not detectable).  A non-master set-up
-//    must then find it good.
+// Corruption sweep (cm_sweep [budget-seconds [stride]]): bit flips, byte
+// inversions, truncations and junk on data files, each set up in a forked
+// process.  A non-master ends without signal or hang and leaves the file as
+// it was (empty files excepted: it waits for them); a master leaves a fresh
+// file when the check found a fault, else the file cut to its length.
 #include <configmanager/configmanager.h>
 #include <configmanager/cm_host.h>
 #include <fcntl.h>

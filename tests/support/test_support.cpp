@@ -2,13 +2,8 @@
 
 #include <stdarg.h>
 
-#include <fstream>
-#include <sstream>
-
-#include "catalogue/lookup.h"
 #include "configmanager/applog.h"
 #include "lifecycle/shutdown.h"
-#include "storage/open_map.h"
 #include "support/child_link.h"
 #include "tags/tag_table.h"
 #include "watch/watch_thread.h"
@@ -28,6 +23,7 @@ TempRoot::~TempRoot() {
 void CaptureSink::write(cm::log::Channel ch, int priority, const char* fmt, va_list ap) {
     char buf[4096];
     vsnprintf(buf, sizeof buf, fmt, ap);
+    if (onLine_) onLine_(buf);
     std::lock_guard<std::mutex> g(mu_);
     lines_.push_back({ch, priority, buf});
 }
@@ -156,6 +152,16 @@ const cm::catalogue::DataAccessStruct& entryOf(int32_t id) {
     cm::catalogue::Location loc{};
     cm::catalogue::locate(id, loc);
     return cm::catalogue::entry(loc.iFileIndex, loc.iVarID_Rel);
+}
+
+std::vector<Var> allVars() {
+    std::vector<Var> v;
+    for (int f = 0; f < CM_NUM_FILES; ++f)
+        for (int r = 0; r < cm::catalogue::sConfigItemList[f].iNumItems; ++r) {
+            const auto& e = cm::catalogue::sConfigItemList[f].pItems[r];
+            v.push_back({cm::catalogue::sConfigItemList[f].iFirstVarID + r, f, r, &e, e.szVarTag});
+        }
+    return v;
 }
 
 }  // namespace cmtest

@@ -6,24 +6,39 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
+#include <map>
 #include <mutex>
+#include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "catalogue/catalogue.h"
+#include "catalogue/lookup.h"
+#include "configmanager/cm_host.h"
 #include "configmanager/configmanager.h"
 #include "log/log.h"
 #include "log/sink.h"
 #include "platform/env.h"
 #include "platform/paths.h"
 #include "process/state.h"
+#include "storage/open_map.h"
+#include "storage/record.h"
 #include "storage/file_state.h"
 
 using namespace std::chrono_literals;
@@ -44,14 +59,17 @@ private:
 };
 
 // Captures every written log message, formatted, with its channel and priority.
-class CaptureSink final : public cm::log::Sink {
+class CaptureSink : public cm::log::Sink {
 public:
     struct Line {
         cm::log::Channel channel;
         int priority;
         std::string text;
     };
-    CaptureSink() { cm::log::setSink(this); }
+    // `onLine` runs on each line as it is written.
+    explicit CaptureSink(std::function<void(const std::string&)> onLine = {}) : onLine_(std::move(onLine)) {
+        cm::log::setSink(this);
+    }
     ~CaptureSink() override { cm::log::setSink(nullptr); }
     void write(cm::log::Channel ch, int priority, const char* fmt, va_list ap) override;
     std::vector<Line> lines() const;
@@ -63,6 +81,7 @@ public:
 private:
     mutable std::mutex mu_;
     std::vector<Line> lines_;
+    const std::function<void(const std::string&)> onLine_;
 };
 
 // Sleeps a token real time (polling threads still yield), recording every
@@ -74,6 +93,8 @@ public:
     void sleepFor(std::chrono::nanoseconds d) override;
     std::chrono::steady_clock::time_point now() override { return std::chrono::steady_clock::now(); }
     long random() override { return random_ ? random_() : 0; }
+    int shell(const char* command) override { return commands.emplace_back(command), Env::shell(command); }
+    std::vector<std::string> commands;  // every shell command run, in order
     std::vector<std::chrono::nanoseconds> sleeps() const;
     int sleepsOf(std::chrono::nanoseconds d) const;
     std::function<void(std::chrono::nanoseconds)> onSleep;
@@ -119,5 +140,13 @@ std::string hex(const void* bytes, size_t n);  // "0x" and upper-case digits
 // Offset of a variable's record in its file, from the catalogue's sizes.
 uint32_t recordOffset(int32_t id);
 const cm::catalogue::DataAccessStruct& entryOf(int32_t id);
+// Every catalogue variable in ID order.
+struct Var {
+    int32_t id;
+    int file, rel;
+    const cm::catalogue::DataAccessStruct* e;
+    std::string tag;
+};
+std::vector<Var> allVars();
 
 }  // namespace cmtest
