@@ -92,18 +92,18 @@ install: $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j $(JOBS)
 	cmake --install $(BUILD)
 
-# Installs into a scratch prefix and builds a plain C program against the
-# installed headers and library through pkg-config, then runs it.
+# Installs into a scratch prefix and builds a plain C program (an example)
+# against the installed headers and library through pkg-config, then runs it.
 INSTALL_CHECK_DIR ?= $(BUILD)/install-check
 install-check: build
 	rm -rf $(INSTALL_CHECK_DIR)
 	cmake --install $(BUILD) --prefix $(abspath $(INSTALL_CHECK_DIR))/prefix
 	PKG_CONFIG_PATH=$$(dirname $$(find $(abspath $(INSTALL_CHECK_DIR))/prefix -name configmanager.pc)) && \
 	  export PKG_CONFIG_PATH && \
-	  cc -std=c99 -Wall -Werror tests/c_api_check.c -o $(INSTALL_CHECK_DIR)/c_api_check \
+	  cc -std=c99 -Wall -Werror examples/values_two_processes.c -o $(INSTALL_CHECK_DIR)/values_two_processes \
 	    $$(pkg-config --cflags --libs configmanager) \
 	    -Wl,-rpath,$$(pkg-config --variable=libdir configmanager)
-	$(INSTALL_CHECK_DIR)/c_api_check
+	$(INSTALL_CHECK_DIR)/values_two_processes
 
 deps:
 	tools/install-deps.sh --native

@@ -11,11 +11,8 @@ namespace {
 int setNumber(int32_t id, uint32_t v) {
     const uint8_t u8 = static_cast<uint8_t>(v);
     const uint16_t u16 = static_cast<uint16_t>(v);
-    switch (cmtest::entryOf(id).ucDataType) {
-        case DT_OCTET: return CM_Set_Variable_CMI(id, &u8, 0);
-        case DT_WORD: return CM_Set_Variable_CMI(id, &u16, 0);
-        default: return CM_Set_Variable_CMI(id, &v, 0);
-    }
+    const uint8_t type = cmtest::entryOf(id).ucDataType;
+    return CM_Set_Variable_CMI(id, type == DT_OCTET ? static_cast<const void*>(&u8) : type == DT_WORD ? static_cast<const void*>(&u16) : &v, 0);
 }
 
 class Applog : public ::testing::Test {
@@ -50,17 +47,11 @@ TEST_F(Applog, RemoteLogEventText) {
     const struct {
         uint8_t ip4Status, ip6Status;
         const char* addresses;
-    } cases[] = {
-        {3, 0, "no ip address"},
-        {4, 3, "10.1.2.3"},
-        {0, 6, "2001:db8::1"},
-        {4, 4, "10.1.2.3 2001:db8::1"},
-    };
+    } cases[] = {{3, 0, "no ip address"}, {4, 3, "10.1.2.3"}, {0, 6, "2001:db8::1"}, {4, 4, "10.1.2.3 2001:db8::1"}};
     const auto event = [](const char* text, const char* addresses, const char* seq) {
         return std::string("^^VX Code=000021;") + text + ";Device=Zr440;Unit Name=gw %n%s 100%;IP Address=" +
                addresses + ";MAC=00:11:22:AA:BB:CC;Seq No=" + seq;
     };
-    const char* seqs[] = {"00000", "00001", "00002", "00003"};
     for (int i = 0; i < 4; ++i) {
         ASSERT_EQ(setNumber(CURRENT_IP4_ADDRESS_STATUS, cases[i].ip4Status), 0);
         ASSERT_EQ(setNumber(CURRENT_IP6_ADDRESS_STATUS, cases[i].ip6Status), 0);
@@ -68,7 +59,7 @@ TEST_F(Applog, RemoteLogEventText) {
         log.clear();
         RemoteLog(0x106, 21, "%s", "General Defaults Loaded");
         ASSERT_EQ(events().size(), 1u);
-        EXPECT_EQ(events()[0].text, event("General Defaults Loaded", cases[i].addresses, seqs[i]));
+        EXPECT_EQ(events()[0].text, event("General Defaults Loaded", cases[i].addresses, ("0000" + std::to_string(i)).c_str()));
     }
 
     // The caller's format takes its arguments; neither the gate nor the
@@ -132,8 +123,7 @@ TEST_F(Applog, SettingsFollowVariablesChangedByAnotherProcess) {
 
     const struct {
         int32_t id;
-        uint32_t value;
-        uint32_t level;
+        uint32_t value, level;
         const char* where;
     } steps[] = {
         // Each step changes what the agent does, so that waiting for it

@@ -1,42 +1,10 @@
 // Checks of the generated catalogue tables against the values they must hold.
 #include <regex>
-#include <tuple>
 
 #include "support/test_support.h"
 
 namespace cm::catalogue {
 namespace {
-
-const DataAccessStruct& at(int id) {
-    return entry(kFileOfVarId[id], id - sConfigItemList[kFileOfVarId[id]].iFirstVarID);
-}
-
-// The number a left-aligned default holds: its top wDataSize bytes.
-uint32_t numericDefault(const DataAccessStruct& e) { return e.oDefault.dwValue >> (8 * (4 - e.wDataSize)); }
-
-// The file table, and every ID (gaps included) mapping to the file whose range holds it.
-TEST(Catalogue, FilesAndTheFileOfEveryId) {
-    struct Row { const char* path; uint16_t version; int count, first; };
-    const Row rows[kNumFiles] = {
-        {"/tmp/CMF_VolatileData", 0, 203, 0},           {"/var/AppData/config/CMF_SystemData", 1, 4, 224},
-        {"/var/AppData/config/CMF_NetworkData", 0, 121, 256}, {"/var/AppData/config/CMF_DSPdata", 0, 216, 384},
-        {"/var/AppData/config/CMF_T1E1data", 0, 159, 608}, {"/var/AppData/config/CMF_CTdata", 0, 2274, 800},
-        {"/var/AppData/config/CMF_WDdata", 0, 11, 3104},  {"/var/AppData/config/CMF_RedData", 0, 10, 3136},
-        {"/var/AppData/config/CMF_SIPdata", 0, 32, 3168}, {"/var/AppData/config/CMF_GeneralData", 0, 58, 3232},
-    };
-    for (int i = 0; i < kNumFiles; ++i) {
-        const ConfigItemList& f = sConfigItemList[i];
-        const Row& w = rows[i];
-        EXPECT_EQ(std::make_tuple(std::string(f.szPath), f.wVersion, f.wZero, f.iNumItems, f.iFirstVarID),
-                  std::make_tuple(std::string(w.path), w.version, uint16_t{0}, w.count, w.first));
-    }
-    for (int id = 0; id < kNumVarIds; ++id) {
-        int expected = -1;
-        for (int i = 0; i < kNumFiles; ++i)
-            if (id >= rows[i].first && id < rows[i].first + rows[i].count) expected = i;
-        ASSERT_EQ(kFileOfVarId[id], expected) << "ID " << id;
-    }
-}
 
 // One walk over every entry: totals by type, group and report flag; numeric
 // defaults left-aligned with zero bytes below; other defaults wDataSize bytes
@@ -78,37 +46,6 @@ TEST(Catalogue, EveryEntry) {
     for (int g = 0; g < 4; ++g) EXPECT_EQ(byGroup[g], groups[g]) << "group " << g;
     EXPECT_EQ(reportable, 66);
     EXPECT_EQ(names.size(), 3088u) << "one unique tag per variable";
-}
-
-TEST(Catalogue, DecodedDefaults) {
-    EXPECT_EQ(at(LINE_INTERFACE_E1_MF_SYNC_STATUS_1).oDefault.dwValue, 0x01000000u);  // octet 1
-    EXPECT_EQ(at(CURRENT_CMS_PORT_ADDRESS).oDefault.dwValue, 9190u << 16);
-    EXPECT_EQ(at(CM_DSP_IP_ADDRESS).oDefault.dwValue, 2851996162u);
-    EXPECT_EQ(numericDefault(at(ENET_MODE_2)), 5u);  // list:0,5
-    for (int n = 0; n < 30; ++n)  // seq: even RTP ports 10000, 10002, ...
-        EXPECT_EQ(numericDefault(at(CM_DSP_VOICE_RECORDING_STREAM_1_PORT + n)), 10000u + 2 * n);
-
-    auto text = [](int id) { return std::string(reinterpret_cast<const char*>(at(id).oDefault.pData)); };
-    EXPECT_EQ(text(SNMP_READ_COMMUNITY_20), "vortex");
-    for (int n = 1; n <= 30; ++n) {
-        EXPECT_EQ(text(GROUP_LABEL_1 + n - 1), "Group " + std::to_string(n));
-        EXPECT_EQ(text(DYN_GROUP_LABEL_1 + n - 1), "Reserved Dynamic Call");
-    }
-}
-
-// Rows kept with a default outside their bounds, or with inverted bounds:
-// the range check and the defaults loader depend on exactly these values.
-TEST(Catalogue, RuleBreakingRowsKept) {
-    struct Case { int id; uint32_t min, max, value; };
-    const Case cases[] = {
-        {6, 0xFF000000u, 0xFFFFFFFFu, 0},    {194, 1, 2, 0},  {1788, 0, 30, 255}, {3249, 0, 255, 0x80100005u},
-        {3275, 0x01000000u, 0xDFFFFFFFu, 0}, {3276, 0x01000000u, 0xDFFFFFFFu, 0}, {3277, 0x01000000u, 0xDFFFFFFFu, 0},
-        {3278, 0x01000000u, 0xDFFFFFFFu, 0}, {3279, 0x01000000u, 0xDFFFFFFFu, 0}, {3281, 0x01000000u, 0xDFFFFFFFu, 0},
-        {3280, 0xFF000000u, 0xFFFFFFFFu, 0}, {3284, 3, 2, 3},
-    };
-    for (const Case& c : cases)
-        EXPECT_EQ(std::make_tuple(at(c.id).dwMin, at(c.id).dwMax, numericDefault(at(c.id))),
-                  std::make_tuple(c.min, c.max, c.value)) << "ID " << c.id;
 }
 
 }  // namespace

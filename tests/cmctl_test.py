@@ -9,6 +9,7 @@ any other.
 
 import json
 import os
+import resource
 import select
 import shutil
 import signal
@@ -31,12 +32,12 @@ class Tree(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.root, ignore_errors=True)
         self.ok("check", "--repair")
 
-    def run_cmctl(self, *args, stdin=None, user=None, timeout=60):
+    def run_cmctl(self, *args, stdin=None, user=None, timeout=60, preexec=None):
         def drop():
             os.setgid(65534)
             os.setuid(65534)
         return subprocess.run([CMCTL, "--root", self.root, *args], input=stdin, capture_output=True, text=True,
-                              timeout=timeout, preexec_fn=drop if user else None)
+                              timeout=timeout, preexec_fn=drop if user else preexec)
 
     def ok(self, *args, **kw):
         r = self.run_cmctl(*args, **kw)
@@ -158,6 +159,26 @@ class CheckedWrites(Tree):
         self.assertEqual([d["name"] for d in json.loads(self.run_cmctl("--json", "diff", backup).stdout)],
                          ["MTU_VALUE"])
         self.fails(1, "diff", backup)
+
+
+class Backup(Tree):
+    def test_backup_restores_what_it_saved_and_a_failed_write_is_an_error(self):
+        self.ok("set", "UNIT_NAME=backed up", "MTU_VALUE=1300")
+        path = os.path.join(self.root, "b.txt")
+        self.ok("backup", path)
+        self.assertEqual(self.ok("backup", "-"), open(path).read())
+        self.ok("reset", "UNIT_NAME", "MTU_VALUE")
+        differ = json.loads(self.run_cmctl("--json", "diff", path).stdout)
+        self.assertEqual(sorted(d["name"] for d in differ), ["MTU_VALUE", "UNIT_NAME"])
+        self.ok("restore", path)
+        self.assertEqual(self.get("UNIT_NAME", "MTU_VALUE"), ["backed up", "1300"])
+        self.assertEqual(self.ok("show", "MTU_"), "MTU_VALUE = 1300\n")
+
+        def small_files():  # every file larger than 1000 bytes fails to be written
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (1000, 1000))
+        r = self.run_cmctl("backup", path, preexec=small_files)
+        self.assertEqual((r.returncode, "backup to '%s' failed" % path in r.stderr), (1, True), r.stderr)
 
 
 class ExportImport(Tree):

@@ -34,15 +34,12 @@ Files flipEveryRecord(const Files& in) {
     return out;
 }
 
-class Defaults : public ::testing::Test {
+class Defaults : public cmtest::LibraryTest {
 protected:
-    void SetUp() override { cmtest::resetLibraryState(); }
-    void TearDown() override { cmtest::resetLibraryState(); }
     void start() {
         ASSERT_EQ(CM_init(1), 0);
         pristine = readAll();
     }
-    cmtest::TempRoot root;
     Files pristine;
 };
 
@@ -144,24 +141,6 @@ TEST_F(Defaults, AllDefaultsRebuildEveryFileUnderTheLockFile) {
     EXPECT_EQ(watcher.callbacks(), std::vector<int>{CMS_LINK_INACTIVITY});
     EXPECT_EQ(watcher.call("get " + std::to_string(CMS_LINK_INACTIVITY)), "ok 0 15");
     EXPECT_EQ(watcher.finish(), 0);
-
-    // A process without open files, and without /tmp: neither the lock file
-    // nor the volatile file can be made; the other nine are still rebuilt,
-    // and the failure is counted.
-    cmtest::resetLibraryState();
-    fs::remove_all(root.path("/tmp"));
-    flipEveryRecord(pristine);
-    cmtest::CaptureSink failing;
-    EXPECT_EQ(CM_LoadAllDefaults(), -1);
-    EXPECT_EQ(failing.count("Failed to create lock file"), 1);
-    EXPECT_EQ(failing.count("but with errors during processing"), 1);
-    const Files after = readAll();
-    for (int i = 1; i < CM_NUM_FILES; ++i) {
-        EXPECT_EQ(after[i], pristine[i]) << "file " << i;
-        // The private copies are made afresh from the rebuilt files.
-        ASSERT_NE(cm::storage::pPrevData[i], nullptr) << i;
-        EXPECT_EQ(std::memcmp(cm::storage::pPrevData[i], after[i].data(), after[i].size()), 0) << i;
-    }
 }
 
 }  // namespace

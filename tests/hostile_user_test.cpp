@@ -216,20 +216,4 @@ TEST_F(HostileUser, CallersCannotBendTheSafeguards) {
 #endif
 }
 
-// A second open of an open file reports its length again; the exported
-// console callback is the one Applog_init registers.
-TEST_F(HostileUser, ReopenReportsLengthAndExportedCallbacksAreTheRegisteredOnes) {
-    EXPECT_EQ(inChild([] {
-        cmtest::CaptureSink log;
-        if (CM_init(1) != 0) return 1;
-        CM_Register_Interest(CONSOLE_LOG, fnActionConsoleLog);
-        Applog_init(GENERAL_LOG_MODE, GENERAL_LOG_FILTER);
-        return log.contains("failed to register CONSOLE_LOG") ? 0 : 2;
-    }, false), 0);
-    ASSERT_EQ(CM_init(1), 0);
-    log::dwLogFilter = 7;
-    EXPECT_EQ(CM_OpenFile(5), 0);
-    EXPECT_TRUE(log.contains("opened with length"));
-}
-
 }  // namespace

@@ -75,17 +75,6 @@ TEST_F(Lifecycle, StartsOnceStopsOnceAndStartsAgain) {
     EXPECT_EQ(CM_Exit_Delayed(), 0);
 }
 
-TEST_F(Lifecycle, OnlyTheGeneralFileDecidesTheBanner) {
-    ASSERT_EQ(CM_init(1), 0);
-    ASSERT_EQ(CM_Exit(), 0);
-    restart();
-    const std::string general = cm::storage::pathOf(9);
-    ASSERT_EQ(rename(general.c_str(), (general + ".away").c_str()), 0);
-    ASSERT_EQ(mkdir(general.c_str(), 0755), 0);  // a directory cannot be opened for writing
-    ASSERT_EQ(CM_init(0), 0);
-    EXPECT_TRUE(sink.contains("CM File Access Initialisation FAILED. Version 3.400.4.0 ("));
-}
-
 TEST_F(Lifecycle, FatalErrorsEndTheProcessWithStatusOne) {
     auto [status, out] = inChild([] { err_quit("'something broke'", 77); });
     EXPECT_EQ(status, 1);
@@ -102,6 +91,16 @@ TEST_F(Lifecycle, FatalErrorsEndTheProcessWithStatusOne) {
     });
     EXPECT_EQ(status, 1);
     EXPECT_NE(out.find("FATAL ERROR 'inotify_init failed' in line"), std::string::npos) << out;
+}
+
+// A daemon that closed its standard input: descriptor 0 may serve the library.
+TEST_F(Lifecycle, StartsWithoutStandardInput) {
+    EXPECT_EQ(cmtest::inChild([] {
+        close(0);
+        if (CM_init(1) != 0 || CM_Register_Interest(CM_TEST123, heard) != 0) return 1;
+        const uint8_t v = 5;
+        return cm::storage::putDataItem(CM_TEST123, &v) == 1 && cmtest::waitFor([] { return g_heard == 1; }) ? CM_Exit() : 2;
+    }), cmtest::kChildOk);
 }
 
 TEST_F(Lifecycle, CallbacksRunAfterTheFileLockIsReleased) {

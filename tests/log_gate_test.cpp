@@ -9,11 +9,8 @@ namespace {
 
 constexpr auto kLogModule = cm::log::Module::FileAccess;
 
-class LogGate : public ::testing::Test {
+class LogGate : public cmtest::LibraryTest {
 protected:
-    void SetUp() override { cmtest::resetLibraryState(); }
-    void TearDown() override { cmtest::resetLibraryState(); }
-    cmtest::CaptureSink sink;
     cmtest::FastEnv env;
 };
 

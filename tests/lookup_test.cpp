@@ -41,25 +41,7 @@ TEST_F(Lookup, ConversionAndItsMessages) {
     }
 }
 
-TEST_F(Lookup, TypeSizeBoundsAndPredicates) {
-    uint32_t type = 99, size = 99, mn = 1, mx = 1;
-    uint8_t t8 = 99;
-    EXPECT_EQ(CM_GetDataTypeFromVarId(UNIT_NAME, &type) + CM_GetDataSizeFromVarId(UNIT_NAME, &size), 0);
-    EXPECT_EQ(std::pair(type, size), std::pair(uint32_t{DT_STRING}, 44u));
-    EXPECT_EQ(CM_GetDataSizeFromVarId(203, &size), -1);
-    EXPECT_EQ(CM_GetCMvarBounds(3284, &t8, &mn, &mx), 0);  // min above max, kept
-    EXPECT_EQ(std::tuple(t8, mn, mx), std::tuple(uint8_t{DT_OCTET}, 3u, 2u));
-    EXPECT_EQ(CM_GetCMvarBounds(203, &t8, &mn, &mx), -1);
-    // 197 is a password, 5 an address, 45 reported.
-    cm::catalogue::Location pw, ip, rep;
-    ASSERT_TRUE(cm::catalogue::locate(197, pw) && cm::catalogue::locate(5, ip) && cm::catalogue::locate(45, rep));
-    EXPECT_EQ(CM_ItemoDataTypeIsDT_PASSWORD(pw.iFileIndex, pw.iVarID_Rel), 1);
-    EXPECT_EQ(CM_ItemoDataTypeIsDT_IPADDR(pw.iFileIndex, pw.iVarID_Rel), 0);
-    EXPECT_EQ(CM_ItemoDataTypeIsDT_IPADDR(ip.iFileIndex, ip.iVarID_Rel), 1);
-    EXPECT_EQ(CM_GetTellCMSInternal(rep.iFileIndex, rep.iVarID_Rel), 1);
-}
-
-TEST_F(Lookup, ReportableWalkNamesAndTags) {
+TEST_F(Lookup, ReportableWalkAndTags) {
     std::vector<int32_t> seen;
     for (int32_t id = CM_GetNextReportableVariable(3290); id != 3290 && seen.size() < 100; id = CM_GetNextReportableVariable(id))
         seen.push_back(id);
@@ -67,12 +49,6 @@ TEST_F(Lookup, ReportableWalkNamesAndTags) {
     EXPECT_EQ(std::tuple(seen[0], seen[1], seen.back()), std::tuple(45, 258, 3288));
     EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
     EXPECT_EQ(CM_GetNextReportableVariable(203), -1);
-
-    EXPECT_STREQ(CM_GetDataItemVariableName(UNIT_NAME), "(not initialised)");
-    cm::process::ucCMInitialised = cm::process::kStarted;
-    EXPECT_STREQ(CM_GetDataItemVariableName(UNIT_NAME), "UNIT_NAME");
-    EXPECT_STREQ(CM_GetDataItemVariableName(3290), "(invalid iVarID_Abs)");
-    EXPECT_STREQ(CM_GetDataItemVariableName(203), "(invalid iVarID_Abs)");
     EXPECT_EQ(CM_GetCMvarTag(3290), nullptr);
     EXPECT_TRUE(sink.contains("Bad CM var ID=3290 (range is 0 to 3289)\n"));
 }

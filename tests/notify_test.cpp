@@ -14,14 +14,9 @@ int cbA(int32_t id) { return record('A', id); }
 int cbB(int32_t id) { return record('B', id); }
 int cmsif(int32_t id) { return record('C', id); }
 
-class Registry : public ::testing::Test {
+class Registry : public cmtest::LibraryTest {
 protected:
-    void SetUp() override {
-        cmtest::resetLibraryState();
-        g_calls.clear();
-    }
-    void TearDown() override { cmtest::resetLibraryState(); }
-    cmtest::CaptureSink sink;
+    void SetUp() override { LibraryTest::SetUp(), g_calls.clear(); }
 };
 
 TEST_F(Registry, RefusalsPairTheirMessagesAsCallersExpect) {

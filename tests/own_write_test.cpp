@@ -12,13 +12,8 @@ constexpr int kFile = 9;
 std::atomic<int> g_calls[3];
 std::atomic<int> g_lastSeen[3];  // the value a callback read back, -1 before any
 
-int slotOf(int32_t id) {
-    for (int k = 0; k < 3; ++k)
-        if (kVars[k] == id) return k;
-    return -1;
-}
 int onChange(int32_t id) {
-    const int k = slotOf(id);
+    const int k = static_cast<int>(std::find(std::begin(kVars), std::end(kVars), id) - std::begin(kVars));
     uint8_t v = 0;
     cm::storage::getDataItem(id, &v);
     g_lastSeen[k] = v;

@@ -10,12 +10,9 @@ namespace {
 
 constexpr int kGeneral = 9;
 
-class MultiProcess : public ::testing::Test {
+class MultiProcess : public cmtest::LibraryTest {
 protected:
-    void SetUp() override { cmtest::resetLibraryState(); }
-    void TearDown() override { cmtest::resetLibraryState(); }
     std::string fileOf(int i) const { return cm::storage::pathOf(i); }
-    cmtest::TempRoot root;
 };
 
 using cmtest::recordOffset;

@@ -71,10 +71,9 @@ uint32_t encode(const Var& v, int writer, uint32_t seq) {
 }
 
 bool readVar(const Var& v, uint32_t& out) {
-    uint32_t dw = 0;
-    uint16_t w = 0;
-    if (CM_GetDataItem(v.id, v.type == DT_DWORD ? static_cast<void*>(&dw) : &w) != 0) return false;
-    return out = v.type == DT_DWORD ? dw : w, true;
+    union { uint32_t dw; uint16_t w; } n{};
+    if (CM_GetDataItem(v.id, &n) != 0) return false;
+    return out = v.type == DT_DWORD ? n.dw : n.w, true;
 }
 
 int onChange(int32_t id) {

@@ -63,12 +63,6 @@ std::string run(std::istringstream& cmd, const std::string& verb) {
     if (verb == "reg")
         for (long long k = id; k <= std::max<long long>(id, a[1]); ++k) rc |= CM_Register_Interest(static_cast<int32_t>(k), report);
     else if (verb == "put") rc = put(id, a[1]);
-    else if (verb == "set") {
-        const Value n = number(id, a[1]);
-        rc = CM_Set_Variable(id, &n);
-    }
-    else if (verb == "putseq")
-        for (long long v = a[1]; v <= a[2]; ++v) rc += put(id, v) != 1;
     else if (verb == "get") {
         Value n{};
         rc = cm::storage::getDataItem(id, &n);

@@ -4,8 +4,7 @@
 // order in the variable's own width.
 //   init <master>          CM_init
 //   reg <id> [<last>]      a callback for id..last that reports "cb <id>"
-//   put <id> <n>           CM_PutDataItem;  set <id> <n>: CM_Set_Variable
-//   putseq <id> <a> <b>    puts a..b; answers the number of failed writes
+//   put <id> <n>           CM_PutDataItem
 //   get <id>               "<rc> <number or text>"
 //   exit                   CM_Exit, then the process ends with status 0
 #pragma once
