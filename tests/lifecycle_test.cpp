@@ -93,16 +93,6 @@ TEST_F(Lifecycle, FatalErrorsEndTheProcessWithStatusOne) {
     EXPECT_NE(out.find("FATAL ERROR 'inotify_init failed' in line"), std::string::npos) << out;
 }
 
-// A daemon that closed its standard input: descriptor 0 may serve the library.
-TEST_F(Lifecycle, StartsWithoutStandardInput) {
-    EXPECT_EQ(cmtest::inChild([] {
-        close(0);
-        if (CM_init(1) != 0 || CM_Register_Interest(CM_TEST123, heard) != 0) return 1;
-        const uint8_t v = 5;
-        return cm::storage::putDataItem(CM_TEST123, &v) == 1 && cmtest::waitFor([] { return g_heard == 1; }) ? CM_Exit() : 2;
-    }), cmtest::kChildOk);
-}
-
 TEST_F(Lifecycle, CallbacksRunAfterTheFileLockIsReleased) {
     ASSERT_EQ(CM_init(1), 0);
     ASSERT_EQ(CM_Register_Interest(CMS_CONNECT_TIMEOUT, writesBack), 0);
