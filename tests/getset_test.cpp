@@ -30,6 +30,9 @@ TEST_F(GetSet, CodesAndLoggedFailures) {
         EXPECT_EQ(CM_Set_Variable_CMI_Log_Error(id, &v, 1), CM_ERR_INVALID);
     }
     EXPECT_TRUE(sink.contains("**ERROR:CM_Set_Variable_CMI:../src/configparam.c:  Invalid CM variable ID = 210"));
+    sink.clear();
+    EXPECT_EQ(CM_GetDataItem(3290, &v), -1);
+    EXPECT_TRUE(sink.contains("Invalid Var Id of 3290\n"));
 }
 
 TEST_F(GetSet, CheckedGetRepairsOutOfRangeNumbers) {

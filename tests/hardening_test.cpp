@@ -84,6 +84,7 @@ TEST_F(Hardening, ReadsDuringASetUpWaitForIt) {
     }
     readers.join();
     EXPECT_EQ(readers.failures, 0);
+    EXPECT_FALSE(sink.contains("waiting for growth"));
     CM_Exit();
 }
 
@@ -121,6 +122,7 @@ TEST_F(Hardening, ShrinkingAFileUnderAMappingNeverRaisesSigbus) {
         (void)!pwrite(fd, "\x7f", 1, 50), close(fd);
         if (!cmtest::waitFor([&] { return prevHolds(kCt, [](const uint8_t* p) { return storage::dwLenPrevData[kCt] > 50 && p[50] == 0x7f; }); }))
             return 7;
+        if (CM_PutDataItem(kLastCt, buf) != -1) return 9;
         return CM_GetDataItem(kLastCt, buf) == -1 ? CM_Exit() : 8;
     }, 30), kChildOk);
 }
@@ -138,7 +140,8 @@ TEST_F(Hardening, ChildForkedAfterStartCanRestart) {
     {
         Readers readers(kLastCt, 2);  // likely to hold a file mutex at the fork
         std::this_thread::sleep_for(10ms);
-        EXPECT_EQ(inChild([&] { return CM_Exit() != 0 ? 1 : CM_init(0) != 0 ? 2 : CM_Exit() != 0 ? 3 : 0; }, 15), kChildOk);
+        // Quick: the child does not wait for the parent's thread, which it does not have.
+        EXPECT_EQ(inChild([&] { return CM_Exit() != 0 ? 1 : CM_init(0) != 0 ? 2 : CM_Exit() != 0 ? 3 : 0; }, 5), kChildOk);
     }
     const uint32_t v = 4242;
     ASSERT_EQ(CM_PutDataItem(kX, &v), 1);
@@ -199,6 +202,40 @@ TEST_F(Hardening, StopWhileTheWatchThreadIsBusyAndRestartAtOnce) {
         CM_Exit();
         return CM_init(1) != 0 ? 4 : CM_Exit();
     }, 30), kChildOk);
+}
+
+// A record damaged under a running master is repaired from defaults and the
+// file's variables are told once, not again when the repair's writes are seen.
+TEST_F(Hardening, RepairInAPassIsToldOnce) {
+    static std::atomic<int> toldX{0}, toldY{0};
+    int32_t y = kX + 1;
+    while (cmtest::entryOf(y).ucDataType != DT_DWORD) ++y;
+    ASSERT_EQ(CM_init(1), 0);
+    ASSERT_EQ(CM_Register_Interest(kX, [](int32_t) { return ++toldX, 0; }) | CM_Register_Interest(y, [](int32_t) { return ++toldY, 0; }), 0);
+    const uint32_t v = 4242;
+    ASSERT_EQ(CM_PutDataItem(kX, &v), 1);
+    ASSERT_TRUE(cmtest::waitFor([] { return toldX == 1; }));
+    std::string bytes = cmtest::readFile(storage::pathOf(2));
+    bytes[cmtest::recordOffset(kX) + 3] ^= 1;  // its length
+    cmtest::rewrite(storage::pathOf(2), bytes);
+    ASSERT_TRUE(cmtest::waitFor([] { return toldY == 1; }));  // the repair tells every variable
+    ASSERT_EQ(CM_PutDataItem(y, &v), 1);
+    ASSERT_TRUE(cmtest::waitFor([] { return toldY == 2; }));
+    EXPECT_EQ(toldX, 2);
+}
+
+// A file deleted again the moment the master re-created it (before its new
+// watch) still comes back.
+TEST_F(Hardening, FileDeletedAgainBeforeItsWatchComesBack) {
+    std::atomic<bool> armed{false}, done{false};
+    OnMessage redelete("created", [&] {
+        if (armed && !done.exchange(true)) unlink(storage::pathOf(kCt));
+    });
+    log::dwLogFilter = 7;
+    ASSERT_EQ(CM_init(1), 0);
+    armed = true;
+    unlink(ct());
+    EXPECT_TRUE(cmtest::waitFor([&] { return done && sizeOf(ct()) == correct(); }, 5s));
 }
 
 #ifdef CM_TEST_FAILING_REALLOC

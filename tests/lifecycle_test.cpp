@@ -93,6 +93,14 @@ TEST_F(Lifecycle, FatalErrorsEndTheProcessWithStatusOne) {
     EXPECT_NE(out.find("FATAL ERROR 'inotify_init failed' in line"), std::string::npos) << out;
 }
 
+// A daemon without standard input: the library's descriptor 0 is closed at the stop.
+TEST_F(Lifecycle, StopClosesDescriptorZero) {
+    EXPECT_EQ(cmtest::inChild([] {
+        close(0);
+        return CM_init(1) != 0 ? 1 : CM_Exit() != 0 ? 2 : fcntl(0, F_GETFD) != -1 ? 3 : 0;
+    }), cmtest::kChildOk);
+}
+
 TEST_F(Lifecycle, CallbacksRunAfterTheFileLockIsReleased) {
     ASSERT_EQ(CM_init(1), 0);
     ASSERT_EQ(CM_Register_Interest(CMS_CONNECT_TIMEOUT, writesBack), 0);

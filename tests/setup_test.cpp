@@ -95,6 +95,7 @@ TEST_F(FileSetUp, NonMasterFlagsFaultsKeepsEarlierRecordsAndRepairsNothing) {
     uint8_t v[32];
     EXPECT_EQ(readDataItem(kRed, 1, v), 0);
     EXPECT_EQ(readDataItem(kRed, 2, v), -1);
+    EXPECT_EQ(CM_GetNotifiedDataItem(3138, v), -1);  // the private copy has no such record either
     EXPECT_TRUE(sink.contains("bad or missing record for CM var ID=3138 (rel ID=2)"));
 }
 

@@ -72,6 +72,9 @@ TEST_F(Storage, CreateAndMap) {
     EXPECT_EQ(remapFile(kRed, 4096), 0);
     EXPECT_EQ(dwLenMappedFile[kRed], 99u);
     ASSERT_EQ(unmapFile(kRed), 0);
+    uint8_t buf[32];
+    EXPECT_EQ(readDataItem(kRed, 0, buf), -1);
+    EXPECT_TRUE(sink.contains("dwLenMappedFile[] or pMappedFile[] is zero - skipping"));
     EXPECT_EQ(mapFile(kRed, 4096), 0);
     EXPECT_EQ(dwLenMappedFile[kRed], 99u);
 }
