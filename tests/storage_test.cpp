@@ -75,6 +75,7 @@ TEST_F(Storage, CreateAndMap) {
     uint8_t buf[32];
     EXPECT_EQ(readDataItem(kRed, 0, buf), -1);
     EXPECT_TRUE(sink.contains("dwLenMappedFile[] or pMappedFile[] is zero - skipping"));
+    EXPECT_FALSE(sink.contains("bad or missing record")) << "refused before the record is looked at";
     EXPECT_EQ(mapFile(kRed, 4096), 0);
     EXPECT_EQ(dwLenMappedFile[kRed], 99u);
 }
