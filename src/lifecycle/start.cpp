@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <mutex>
 
 #include "catalogue/catalogue.h"
 #include "configmanager/cm_lifecycle.h"
@@ -44,9 +43,11 @@ void afterForkInChild() {
     renewLocksAfterFork();
 }
 
+// Once per process.  A function-local static rather than std::call_once,
+// whose completion always costs a system call.
 void prepareForForks() {
-    static std::once_flag once;
-    std::call_once(once, [] { pthread_atfork(nullptr, nullptr, afterForkInChild); });
+    static const bool registered = pthread_atfork(nullptr, nullptr, afterForkInChild) == 0;
+    (void)registered;
 }
 
 bool notStarted(const char* fn) {
