@@ -91,6 +91,8 @@ OpenResult openExisting(const char* path, int flags) {
     struct stat st{};
     r.fault = ::fstat(fd, &st) != 0 ? EntryFault::kNotRegular : judge(st);
     r.size = st.st_size;
+    r.dev = st.st_dev;
+    r.ino = st.st_ino;
     if (r.refused()) {
         closeKeepingErrno(fd);
         return r;

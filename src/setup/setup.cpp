@@ -145,31 +145,8 @@ void handleExtraBytes(int i, uint32_t fileLen, int result) {
     }
 }
 
-}  // namespace
-
-int setUpConfigFile(int i) {
-    constexpr const char* fn = "CM_SetUpConfigFile";
-    if (!checkIndex(i, fn)) return -1;
-    if (fdRead[i] >= 0) {
-        // Checked again all the same: the caller wants a fresh look at the file.
-        CM_LOG(log::kErr, fn, "CM data file [%d] '%s' is already open (FD=%d) - quit setup of it\n", i, pathOf(i),
-               fdRead[i].load());
-    } else if (!process::isMaster()) {
-        openFile(i);
-    } else if (openOrCreateFile(i) == 1) {
-        writeDefaultData(i, true, true);
-        inotify::addInotifyWatch(i);
-        return 0;
-    }
-    if (fdRead[i] < 0) {
-        CM_LOG(log::kErr, fn, "CM data file [%d] '%s' not open at end of setup, so not checked or inotify monitored.\n",
-               i, pathOf(i));
-        return -1;
-    }
-    return initialiseDataStruct(i, true, true);
-}
-
-int initialiseDataStruct(int i, bool bInitPrev, bool bStartWatch) {
+// initialiseDataStruct, told which file set-up has just opened, if any.
+int checkFile(int i, bool bInitPrev, bool bStartWatch, const OpenedFile* opened) {
     constexpr const char* fn = "CM_InitialiseDataStruct";
     if (!checkIndex(i, fn)) return -1;
     if (fdRead[i] < 0) {
@@ -183,25 +160,34 @@ int initialiseDataStruct(int i, bool bInitPrev, bool bStartWatch) {
     if (fdRead[i] < 0) return -1;
     if (dwLenCorrectFile[i] == 0) dwLenCorrectFile[i] = correctLength(i);
 
+    // When set-up has just opened the file, its watch comes first: the look
+    // at what the path names, which the watch needs anyway, then gives the
+    // length under the lock too.  Otherwise the watch comes last.
+    const bool watchFirst = bStartWatch && opened != nullptr && opened->known;
     struct stat st{};
     uint32_t fileLen = 0;
-    const bool known = fstat(fdRead[i], &st) == 0;
-    if (!known)
-        CM_LOG(log::kErr, fn, "PID=%d. Failed to fstat CM data file [%d] '%s': %m\n", getpid(), i, pathOf(i));
-    else
-        fileLen = static_cast<uint32_t>(st.st_size);
+    bool known = watchFirst && inotify::addInotifyWatchNamed(i, opened->dev, opened->ino, &st);
+    if (!known) {
+        known = fstat(fdRead[i], &st) == 0;
+        if (!known) CM_LOG(log::kErr, fn, "PID=%d. Failed to fstat CM data file [%d] '%s': %m\n", getpid(), i, pathOf(i));
+    }
+    if (known) fileLen = static_cast<uint32_t>(st.st_size);
     dwLenActualFile[i] = fileLen;
 
+    // A file that cannot be mapped, or is empty in a process that will not
+    // fill it, is not watched.
     if (fileLen != 0) {
         remapFile(i, fileLen);
         if (!mapped(i)) {
             forgetRecords(i, 0);
+            if (watchFirst) inotify::dropInotifyWatch(i);
             return -1;
         }
     } else {
         unmapFile(i);
         if (!process::isMaster()) {
             forgetRecords(i, 0);
+            if (watchFirst) inotify::dropInotifyWatch(i);
             bBadFile[i] = 1;
             return kFileEmptyOrShort;
         }
@@ -227,8 +213,37 @@ int initialiseDataStruct(int i, bool bInitPrev, bool bStartWatch) {
 
     if (result != kFileGood && process::isMaster()) repairFromDefaults(i, false, fn, true);
     if (bInitPrev) initialisePrevData(i);
-    if (bStartWatch) inotify::addInotifyWatch(i, known ? &st : nullptr);
+    if (bStartWatch && !watchFirst) inotify::addInotifyWatch(i, known ? &st : nullptr);
     return result;
+}
+
+}  // namespace
+
+int setUpConfigFile(int i) {
+    constexpr const char* fn = "CM_SetUpConfigFile";
+    if (!checkIndex(i, fn)) return -1;
+    OpenedFile opened;
+    if (fdRead[i] >= 0) {
+        // Checked again all the same: the caller wants a fresh look at the file.
+        CM_LOG(log::kErr, fn, "CM data file [%d] '%s' is already open (FD=%d) - quit setup of it\n", i, pathOf(i),
+               fdRead[i].load());
+    } else if (!process::isMaster()) {
+        openFile(i, &opened);
+    } else if (openOrCreateFile(i, &opened) == 1) {
+        writeDefaultData(i, true, true);
+        inotify::addInotifyWatch(i);
+        return 0;
+    }
+    if (fdRead[i] < 0) {
+        CM_LOG(log::kErr, fn, "CM data file [%d] '%s' not open at end of setup, so not checked or inotify monitored.\n",
+               i, pathOf(i));
+        return -1;
+    }
+    return checkFile(i, true, true, &opened);
+}
+
+int initialiseDataStruct(int i, bool bInitPrev, bool bStartWatch) {
+    return checkFile(i, bInitPrev, bStartWatch, nullptr);
 }
 
 int repairFromDefaults(int i, bool bInitPrev, const char* fn, bool logAlways) {
