@@ -164,10 +164,12 @@ TEST_F(Hardening, ChildForkedAfterStartCanRestart) {
     CM_Exit();
 }
 
-// Runs `action` before writing a message that holds `text`.
-struct OnMessage : cmtest::CaptureSink {
+// Runs `action` before writing a message that holds `text`.  A member, not a
+// base: the watch thread may write to the capture the moment it is installed.
+struct OnMessage {
     OnMessage(const std::string& text, const std::function<void()>& action)
-        : CaptureSink([=](const std::string& line) { if (line.find(text) != std::string::npos) action(); }) {}
+        : sink([=](const std::string& line) { if (line.find(text) != std::string::npos) action(); }) {}
+    cmtest::CaptureSink sink;
 };
 
 // Stops while the watch thread diffs and runs a callback that reads, then a
