@@ -383,11 +383,13 @@ def generate_cpp(files):
             else:
                 dflt = "{.dwValue = 0x%08Xu}" % left_aligned(v.default, v.size)
             flags = "0x%08Xu" % REPORT_FLAG if v.report else "0u"
-            w("    {\"%s\", %s, %d, %d, %du, %du, %s, %s},  // %d"
+            w("    {\"%s\", %s, %d, %d, %du, %du, %s, %s, %d},"
               % (v.name, TYPES[v.type_name][0], v.group, v.size, v.vmin, v.vmax, dflt, flags, v.var_id))
         w("};")
         w("")
 
+    w("std::atomic<uint32_t> dwRecordOffsetNot[kNumVarIds];")
+    w("")
     w("const ConfigItemList sConfigItemList[kNumFiles] = {")
     for f in files:
         w("    {\"%s\", %d, 0, %d, %d, %s}," % (f.path, f.version, f.count, f.first, f.array_name()))

@@ -2,8 +2,9 @@
 //
 // The tables are generated at build time from catalogue/variables.tbl by
 // tools/gen_catalogue.py; nothing here is edited by hand.  Every field is
-// constant except each entry's record offset, which file set-up writes when
-// it has located and checked the record (any thread may read it).
+// constant; each entry's record offset, which file set-up writes when it has
+// located and checked the record (any thread may read it), is kept in a
+// table of its own.
 #pragma once
 
 #include <atomic>
@@ -27,6 +28,13 @@ union DefaultValue {
     const uint8_t* pData;
 };
 
+// The record offsets of every variable, by absolute ID, stored complemented:
+// the zeroed table a process starts with reads as kNoRecord throughout.
+// They live apart from the entries so that the tables stay constant and a
+// file set-up writes a few pages of its own rather than every page of the
+// catalogue.
+extern std::atomic<uint32_t> dwRecordOffsetNot[kNumVarIds];
+
 // One catalogue entry.
 struct DataAccessStruct {
     const char* szVarTag;
@@ -37,11 +45,11 @@ struct DataAccessStruct {
     uint32_t dwMax;
     DefaultValue oDefault;
     uint32_t dwFlags;
-    // Byte offset of the record in the data file, kNoRecord when not located.
-    mutable std::atomic<uint32_t> dwRecordOffset{kNoRecord};
+    uint16_t wVarID;  // the absolute ID
 
-    uint32_t recordOffset() const { return dwRecordOffset.load(std::memory_order_relaxed); }
-    void setRecordOffset(uint32_t v) const { dwRecordOffset.store(v, std::memory_order_relaxed); }
+    // Byte offset of the record in the data file, kNoRecord when not located.
+    uint32_t recordOffset() const { return ~dwRecordOffsetNot[wVarID].load(std::memory_order_relaxed); }
+    void setRecordOffset(uint32_t v) const { dwRecordOffsetNot[wVarID].store(~v, std::memory_order_relaxed); }
     bool reportable() const { return (dwFlags & kReportFlag) != 0; }
 };
 

@@ -52,6 +52,8 @@ void parseEvents(const uint8_t* buf, size_t len, PassFlags& flags) {
         }
         if (!taken && (ev.mask & IN_IGNORED) && flags.wakeUps > 0)
             --flags.wakeUps;
+        else if (!taken && (ev.mask & IN_IGNORED) && takeDroppedWatch())
+            ;  // a watch that set-up took back
         else if (!taken)
             CM_LOG_TAGGED(log::kWarn, "CM_ReadThread, PID=%d. Failed to find a watch descriptor match\n", getpid());
         if (ev.mask & IN_Q_OVERFLOW) {

@@ -19,6 +19,8 @@ constexpr auto kLogModule = log::Module::FileAccess;
 using namespace storage;
 
 std::atomic<bool> g_recheck[kNumFiles];
+// Watches taken back by set-up whose IN_IGNORED event is still to come.
+std::atomic<unsigned> g_dropped{0};
 
 // The checks shared by adding and removing a watch.
 bool checkWatchable(int i, const char* fn, bool forAdd) {
@@ -34,11 +36,8 @@ bool checkWatchable(int i, const char* fn, bool forAdd) {
     return true;
 }
 
-}  // namespace
-
-int addInotifyWatch(int i) { return addInotifyWatch(i, nullptr); }
-
-int addInotifyWatch(int i, const struct stat* openFile) {
+// Adds the watch itself.  0, or -1.
+int addWatch(int i) {
     if (!checkWatchable(i, "CM_AddInotifyWatch", true)) return -1;
     const int wd = inotify_add_watch(process::inotifyfd.load(), pathOf(i), kWatchMask);
     if (wd < 0) {
@@ -52,8 +51,37 @@ int addInotifyWatch(int i, const struct stat* openFile) {
     inotifywd[i] = wd;
     CM_LOG_TAGGED(log::kDebug, "CM_AddInotifyWatch, PID=%d. Added '%s' to inotify list. inotifywd[] is %d\n", getpid(),
                   pathOf(i), wd);
+    return 0;
+}
+
+}  // namespace
+
+int addInotifyWatch(int i) { return addInotifyWatch(i, nullptr); }
+
+int addInotifyWatch(int i, const struct stat* openFile) {
+    if (addWatch(i) != 0) return -1;
     if (openFile != nullptr ? pathNamesAnotherFile(i, *openFile) : pathNamesAnotherFile(i)) markForRecheck(i);
     return 0;
+}
+
+bool addInotifyWatchNamed(int i, dev_t dev, ino_t ino, struct stat* named) {
+    if (addWatch(i) != 0) return false;
+    if (stat(pathOf(i), named) == 0 && named->st_ino == ino && named->st_dev == dev) return true;
+    markForRecheck(i);
+    return false;
+}
+
+void dropInotifyWatch(int i) {
+    const int wd = inotifywd[i].exchange(-1);
+    const int fd = process::inotifyfd.load();
+    if (wd >= 0 && fd >= 0 && inotify_rm_watch(fd, wd) == 0) g_dropped.fetch_add(1);
+}
+
+bool takeDroppedWatch() {
+    unsigned n = g_dropped.load();
+    while (n > 0 && !g_dropped.compare_exchange_weak(n, n - 1)) {
+    }
+    return n > 0;
 }
 
 int removeInotifyWatch(int i) {

@@ -22,6 +22,17 @@ int addInotifyWatch(int iFileIndex);
 // again.  A file unlinked or replaced since then is caught all the same:
 // its path then names another file, or none.
 int addInotifyWatch(int iFileIndex, const struct stat* openFile);
+// For set-up that adds the watch before it looks at the file, under the
+// file's lock: adds the watch of a file whose descriptor is on the file
+// (dev, ino), then looks at what the path names, into *named.  True when
+// that is the open file (*named is then its state); otherwise the file is
+// marked for a re-check as above, and false (false also when the watch
+// could not be added, as addInotifyWatch reports it).
+bool addInotifyWatchNamed(int iFileIndex, dev_t dev, ino_t ino, struct stat* named);
+// Takes back a watch that set-up added but does not keep.  The IN_IGNORED
+// event that the removal queues is then not reported as unknown.
+void dropInotifyWatch(int iFileIndex);
+bool takeDroppedWatch();
 // Removes the watch; inotifywd is -1 afterwards in every case.
 int removeInotifyWatch(int iFileIndex);
 

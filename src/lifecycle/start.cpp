@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <mutex>
 
 #include "catalogue/catalogue.h"
 #include "configmanager/cm_lifecycle.h"
@@ -44,9 +43,11 @@ void afterForkInChild() {
     renewLocksAfterFork();
 }
 
+// Once per process.  A function-local static rather than std::call_once,
+// whose completion always costs a system call.
 void prepareForForks() {
-    static std::once_flag once;
-    std::call_once(once, [] { pthread_atfork(nullptr, nullptr, afterForkInChild); });
+    static const bool registered = pthread_atfork(nullptr, nullptr, afterForkInChild) == 0;
+    (void)registered;
 }
 
 bool notStarted(const char* fn) {
@@ -92,9 +93,12 @@ int fileAccessInit() {
         CM_LOG_TAGGED(log::kDebug, "File '%s': Number of entries=%d, start offset=%d \n", storage::pathOf(i),
                       catalogue::sConfigItemList[i].iNumItems, catalogue::sConfigItemList[i].iFirstVarID);
     // A thread of an earlier start must be gone before files are opened again,
-    // and none of its pending re-checks carries over.
+    // and none of its pending re-checks (nor watches it has yet to see taken
+    // back) carries over.
     watch::waitForStaleWatchThread();
     for (int i = 0; i < kNumFiles; ++i) inotify::takeRecheck(i);
+    while (inotify::takeDroppedWatch()) {
+    }
     s_bKillCM = 0;
     const int fd = inotify_init1(IN_CLOEXEC);
     if (fd < 0) errQuit("'inotify_init failed'", __LINE__);

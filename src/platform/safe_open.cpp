@@ -10,9 +10,14 @@ namespace cm::platform {
 namespace {
 
 // Flags every open of a fixed path carries.  O_NONBLOCK keeps a FIFO
-// planted at the path from blocking the open; it is cleared again once the
-// entry is known to be a regular file.
+// planted at the path from blocking the open.  Once the entry is known to be
+// a regular file the flag is dropped again only where it could matter: the
+// kernel ignores it on reads and writes of regular files, except under
+// mandatory locking, which a file asks for by being set-group-ID without
+// group execute permission.
 constexpr int kAlways = O_NOFOLLOW | O_CLOEXEC | O_NOCTTY;
+
+bool nonBlockingMatters(const struct stat& st) { return (st.st_mode & (S_ISGID | S_IXGRP)) == S_ISGID; }
 
 // Times replaceWithNew() removes an entry that keeps coming back.
 constexpr int kReplaceTries = 4;
@@ -21,7 +26,8 @@ EntryFault judge(const struct stat& st) {
     if (S_ISLNK(st.st_mode)) return EntryFault::kSymlink;
     if (!S_ISREG(st.st_mode)) return EntryFault::kNotRegular;
     if (st.st_nlink != 1) return EntryFault::kManyLinks;
-    if (st.st_uid != geteuid() && st.st_uid != 0) return EntryFault::kForeignOwner;
+    // Root's files are the common case: they need no look at the effective user.
+    if (st.st_uid != 0 && st.st_uid != geteuid()) return EntryFault::kForeignOwner;
     if ((st.st_mode & S_IWOTH) != 0) return EntryFault::kOthersWritable;
     return EntryFault::kNone;
 }
@@ -85,11 +91,13 @@ OpenResult openExisting(const char* path, int flags) {
     struct stat st{};
     r.fault = ::fstat(fd, &st) != 0 ? EntryFault::kNotRegular : judge(st);
     r.size = st.st_size;
+    r.dev = st.st_dev;
+    r.ino = st.st_ino;
     if (r.refused()) {
         closeKeepingErrno(fd);
         return r;
     }
-    (void)::fcntl(fd, F_SETFL, flags);
+    if (nonBlockingMatters(st)) (void)::fcntl(fd, F_SETFL, flags);
     r.fd = fd;
     return r;
 }

@@ -31,6 +31,8 @@ struct OpenResult {
     int err = 0;                           // errno when fd < 0 and no entry was refused
     EntryFault fault = EntryFault::kNone;  // set when an entry was found and refused
     off_t size = 0;                        // openExisting: the length the check saw
+    dev_t dev = 0;                         // openExisting: the file the check saw
+    ino_t ino = 0;
     bool ok() const { return fd >= 0; }
     bool refused() const { return fault != EntryFault::kNone; }
 };

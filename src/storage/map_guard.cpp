@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <mutex>
 
 #include "storage/file_state.h"
 
@@ -19,7 +18,6 @@ struct Guard {
 
 thread_local Guard* t_guard = nullptr;
 struct sigaction g_previous {};
-std::once_flag g_installOnce;
 
 bool insideOwnMapping(const void* addr) {
     const auto a = reinterpret_cast<uintptr_t>(addr);
@@ -78,15 +76,18 @@ bool guarded(Op op) {
 }  // namespace
 
 void installMapGuard() {
-    std::call_once(g_installOnce, [] {
+    // Once per process (a function-local static: std::call_once would cost
+    // a system call on every first use).
+    static const bool installed = [] {
         struct sigaction sa {};
         sa.sa_sigaction = onSigbus;
         // SA_NODEFER: the guard leaves the handler with siglongjmp, which
         // (without a saved mask) would otherwise leave SIGBUS blocked.
         sa.sa_flags = SA_SIGINFO | SA_NODEFER | SA_RESTART;
         sigemptyset(&sa.sa_mask);
-        sigaction(SIGBUS, &sa, &g_previous);
-    });
+        return sigaction(SIGBUS, &sa, &g_previous) == 0;
+    }();
+    (void)installed;
 }
 
 bool guardedCopy(void* dst, const void* mapped, size_t n) {
@@ -95,6 +96,10 @@ bool guardedCopy(void* dst, const void* mapped, size_t n) {
 
 bool guardedCompare(const void* mapped, const void* other, size_t n, int& diff) {
     return guarded([&] { diff = std::memcmp(mapped, other, n); });
+}
+
+bool guardedRun(void (*op)(void*), void* arg) {
+    return guarded([&] { op(arg); });
 }
 
 }  // namespace cm::storage

@@ -24,5 +24,9 @@ void installMapGuard();
 bool guardedCopy(void* dst, const void* mapped, size_t n);
 // memcmp against a mapping; `diff` gets memcmp's result.  False when cut.
 bool guardedCompare(const void* mapped, const void* other, size_t n, int& diff);
+// Runs op(arg) with the guard set, for a walk that reads a mapping in many
+// small pieces; false when the file was cut under it (op stopped where its
+// read met the cut, and must leave its state usable at every read).
+bool guardedRun(void (*op)(void*), void* arg);
 
 }  // namespace cm::storage

@@ -61,9 +61,14 @@ void logRefused(const char* fn, int i, const char* path, platform::EntryFault fa
 // Seconds to wait for a missing file, given the seconds waited so far.
 unsigned nextWait(unsigned waited) { return waited < 5 ? 1 : waited < 10 ? 2 : 10; }
 
+// Notes an existing file that the safe open has just opened.
+void noteOpened(OpenedFile* opened, const platform::OpenResult& r) {
+    if (opened != nullptr && r.size > 0) *opened = {true, r.dev, r.ino};
+}
+
 }  // namespace
 
-int openFile(int i) {
+int openFile(int i, OpenedFile* opened) {
     constexpr const char* fn = "CM_OpenFile";
     if (!checkIndex(i, fn)) return -1;
     prepareOpen(i);
@@ -101,6 +106,7 @@ int openFile(int i) {
         fd = r.fd;
         checkedSize = r.size;
         fdRead[i] = fd;
+        noteOpened(opened, r);
     }
     CM_LOG(log::kDebug, fn, "CM data file [%d] '%s' opened\n", i, path);
 
@@ -128,7 +134,7 @@ int openFile(int i) {
     return 0;
 }
 
-int openOrCreateFile(int i) {
+int openOrCreateFile(int i, OpenedFile* opened) {
     constexpr const char* fn = "CM_OpenOrCreateFile";
     if (!checkIndex(i, fn)) return -1;
     prepareOpen(i);
@@ -141,6 +147,7 @@ int openOrCreateFile(int i) {
     platform::OpenResult r = platform::openExisting(path, O_RDWR);
     if (r.ok()) {
         fdRead[i] = r.fd;
+        noteOpened(opened, r);
         CM_LOG_TAGGED(log::kInfo, "CM_OpenOrCreateFile, CM data file [%d] '%s' opened\n", i, path);
         return 0;
     }
