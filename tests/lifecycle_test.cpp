@@ -122,6 +122,11 @@ TEST_F(Lifecycle, MasterWaitsForAShortFileThenRepairsIt) {
     EXPECT_EQ(cmtest::readFile(wd), good);
     EXPECT_TRUE(sink.contains("length 20 still too short after waiting (expected " + std::to_string(good.size())));
     EXPECT_EQ(env.sleepsOf(100ms), 50);
+    // Found again at its correct length after a shorter one: no wait at all.
+    cm::storage::dwLenActualFile[6] = 20;
+    cmtest::rewrite(wd, good);
+    ASSERT_TRUE(cmtest::waitFor([] { return g_heard == 2; }));
+    EXPECT_EQ(sink.count("waiting for growth"), 1);
 }
 
 TEST_F(Lifecycle, StaleDefaultsLockFileIsRemovedAfterTheWait) {

@@ -84,7 +84,9 @@ TEST_F(CmsifList, ModesDecideBetweenTellingNotingAndNothing) {
     CM_Notify(NW_TRACE_ENABLE);
     CM_Notify(CM_TEST123);
     CM_NotifyRange(UNIT_NAME, UNIT_LOCATION);
-    EXPECT_EQ(g_calls, "C45 C3254 ");
+    CM_NotifyRange(3288, 3290);  // the range ends at the last ID
+    EXPECT_EQ(g_calls, "C45 C3254 C3288 ");
+    EXPECT_FALSE(sink.contains("Invalid CM variable ID"));
     EXPECT_EQ(walk(), "");
 
     g_calls.clear();
