@@ -3,9 +3,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "catalogue/lookup.h"
 #include "log/syslog_direct.h"
 #include "restore/backup_reader.h"
 #include "restore/filter.h"
+#include "storage/held_file.h"
 #include "tags/tag_table.h"
 #include "text/value_text.h"
 
@@ -15,7 +17,7 @@ namespace {
 static_assert(sizeof(BackupLine::value) >= text::kTextSize, "the read-back needs a full text buffer");
 
 // Sets one variable from its line.  False when that failed.
-bool restoreLine(BackupLine& line, const Filter& filter) {
+bool restoreLine(BackupLine& line, const Filter& filter, storage::HeldFile& held) {
     if (std::strcmp(line.value, "NULL") == 0) line.value[0] = '\0';
     if (const char* name = filter.match(line.tag)) {
         log::syslogDirect(6, "CM_RestoreConfig: CM var '%s' not restored, as its name matches filter '%s'\n",
@@ -28,6 +30,10 @@ bool restoreLine(BackupLine& line, const Filter& filter) {
         log::syslogDirect(3, "Tag %s not found\n", line.tag);
         return true;
     }
+    // The lines come in ID order, so mostly file by file: each file is held
+    // whole across its lines, and watchers diff it once when it is let go.
+    catalogue::Location loc;
+    if (catalogue::toRelative(id, loc)) held.hold(loc.iFileIndex);
     // A malformed line (no separator, overlong value) has no value to set.
     if (line.malformed || text::valueFromText(id, line.value) < 0) {
         log::syslogDirect(3, "Set operation failed for CM var %s, check value?\n", line.tag);
@@ -64,8 +70,11 @@ int restoreConfig(const char* backupPath, const char* filterPath) {
         return 1;
     }
     bool errors = false;
-    while (reader.next(line))
-        if (!restoreLine(line, filter)) errors = true;
+    {
+        storage::HeldFile held;
+        while (reader.next(line))
+            if (!restoreLine(line, filter, held)) errors = true;
+    }
     std::fclose(fp);
     if (errors) {
         log::syslogDirect(5, "CM variables have been restored from file '%s', with errors\n", backupPath);

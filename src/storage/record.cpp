@@ -11,6 +11,7 @@
 #include "platform/byte_order.h"
 #include "storage/defaults.h"
 #include "storage/file_state.h"
+#include "storage/held_file.h"
 #include "storage/lock.h"
 #include "storage/map_guard.h"
 #include "storage/own_write.h"
@@ -98,12 +99,14 @@ int readDataItem(int i, int rel, void* destination) {
     constexpr const char* fn = "CM_ReadDataItem";
     if (checkIndex(i, fn) && detail::checkRelative(i, rel, fn) && nullBuffer(fn, destination, absoluteId(i, rel)))
         return -1;
+    // A file this thread holds whole needs no lock of the record's own.
+    const bool held = heldWhole(i);
     uint32_t offset;
-    if (!checkRecord(fn, i, rel, true, offset)) return -1;
+    if (!checkRecord(fn, i, rel, !held, offset)) return -1;
     const auto& e = catalogue::entry(i, rel);
     const uint32_t size = e.wDataSize + kRecordHeader;
 
-    lockRecord(i, offset, size);
+    if (!held) lockRecord(i, offset, size);
     int result = -1;
     // Copied out first: another process may cut the file under the mapping.
     uint8_t rec[kRecordHeader + kMaxRecordData];
@@ -130,7 +133,7 @@ int readDataItem(int i, int rel, void* destination) {
             result = detail::copyValue(i, rel, destination, rec + kRecordHeader, e.wDataSize);
         }
     }
-    unlockRecord(i, offset, size);
+    if (!held) unlockRecord(i, offset, size);
     return result;
 }
 
@@ -138,6 +141,10 @@ int detail::writeRecord(int i, int rel, const void* value, bool bLock, bool& wri
     constexpr const char* fn = "CM_WriteDataItem";
     written = false;
     if (checkIndex(i, fn) && detail::checkRelative(i, rel, fn) && nullBuffer(fn, value, absoluteId(i, rel))) return -1;
+    // A file this thread holds whole takes no lock here; its CRC word is
+    // written when the hold ends.
+    const bool held = bLock && heldWhole(i);
+    if (held) bLock = false;
     uint32_t offset;
     if (!checkRecord(fn, i, rel, bLock, offset)) return -1;
     const auto& e = catalogue::entry(i, rel);
@@ -201,6 +208,7 @@ int detail::writeRecord(int i, int rel, const void* value, bool bLock, bool& wri
         unlockRecord(i, offset, size);
         if (began) ownwrite::noEventFollows(i);
     }
+    if (held && written) noteHeldWrite(i);
     if (failed) return -1;
     return written ? 1 : 0;
 }

@@ -1,0 +1,50 @@
+#include "storage/held_file.h"
+
+#include <pthread.h>
+
+#include "process/state.h"
+#include "storage/file_state.h"
+#include "storage/lock.h"
+#include "storage/record_io.h"
+
+namespace cm::storage {
+namespace {
+
+thread_local int t_held = -1;
+thread_local bool t_written = false;
+
+}  // namespace
+
+void HeldFile::hold(int i) {
+    if (file_ == i) return;
+    release();
+    if (!checkIndex(i, "CM_LockFile")) return;
+    // The set mutex first, as a set takes it: a set of another thread then
+    // never holds it while waiting for this file.
+    if (pthread_mutex_lock(&process::mCMMutex) != 0) return;
+    if (lockFile(i, 0, 0) != 0) {
+        unlockFile(i, 0, 0);
+        pthread_mutex_unlock(&process::mCMMutex);
+        return;
+    }
+    file_ = t_held = i;
+    t_written = false;
+}
+
+void HeldFile::release() {
+    if (file_ < 0) return;
+    const int i = file_;
+    if (t_written && fdRead[i] >= 0) detail::writeCrcWord(i, "CM_UpdateCRCwithLock");
+    file_ = t_held = -1;
+    t_written = false;
+    unlockFile(i, 0, 0);
+    pthread_mutex_unlock(&process::mCMMutex);
+}
+
+bool heldWhole(int i) { return t_held >= 0 && t_held == i; }
+
+void noteHeldWrite(int i) {
+    if (heldWhole(i)) t_written = true;
+}
+
+}  // namespace cm::storage
