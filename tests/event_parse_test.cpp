@@ -4,6 +4,7 @@
 #include <cstddef>
 
 #include "inotify/event_parse.h"
+#include "inotify/inotify_watch.h"
 #include "support/test_support.h"
 
 using namespace cm::inotify;
@@ -18,6 +19,17 @@ struct Event {
     uint32_t mask;
     uint32_t nameLen = 0;  // a name of 16 bytes follows; a longer stated one runs past the read
 };
+
+std::vector<uint8_t> bytesOf(const std::vector<Event>& events) {
+    std::vector<uint8_t> buf;
+    for (const Event& e : events) {
+        const inotify_event ev{e.wd, e.mask, 0, e.nameLen};
+        const size_t at = buf.size();
+        buf.resize(at + kEventHeader + (e.nameLen <= 16 ? e.nameLen : 0));
+        std::memcpy(buf.data() + at, &ev, kEventHeader);
+    }
+    return buf;
+}
 
 TEST(EventParse, EveryKindOfEventSetsItsFlags) {
     cmtest::TempRoot root;
@@ -48,13 +60,7 @@ TEST(EventParse, EveryKindOfEventSetsItsFlags) {
         SCOPED_TRACE(c.what);
         if (c.redGone) unlink(cm::storage::pathOf(kRed));
         for (int i = 0; i < CM_NUM_FILES; ++i) cm::storage::inotifywd[i] = 100 + i;
-        std::vector<uint8_t> buf;
-        for (const Event& e : c.events) {
-            const inotify_event ev{e.wd, e.mask, 0, e.nameLen};
-            const size_t at = buf.size();
-            buf.resize(at + kEventHeader + (e.nameLen <= 16 ? e.nameLen : 0));
-            std::memcpy(buf.data() + at, &ev, kEventHeader);
-        }
+        std::vector<uint8_t> buf = bytesOf(c.events);
         buf.resize(buf.size() + c.junk);
         sink.clear();
         PassFlags f{};
@@ -68,6 +74,19 @@ TEST(EventParse, EveryKindOfEventSetsItsFlags) {
                              std::to_string(buf.size()) + " bytes\n"), c.partial ? 1 : 0);
         EXPECT_EQ(cm::storage::inotifywd[9], c.deleted & 1u << 9 ? -1 : 109) << "a dropped watch is forgotten";
     }
+    // A watch that set-up took back: one removal event is excused, nothing else.
+    cm::process::inotifyfd = inotify_init1(IN_CLOEXEC);
+    ASSERT_EQ(cm::storage::openOrCreateFile(6), 1);
+    cm::storage::inotifywd[6] = -1;
+    ASSERT_EQ(cm::inotify::addInotifyWatch(6), 0);
+    cm::inotify::dropInotifyWatch(6);
+    const auto buf = bytesOf({{105, IN_MODIFY}, {55, IN_MODIFY}, {60, IN_IGNORED}, {61, IN_IGNORED}});
+    sink.clear();
+    PassFlags f{};
+    parseEvents(buf.data(), buf.size(), f);
+    EXPECT_TRUE(f.modified[5]);
+    EXPECT_EQ(sink.count("Failed to find a watch descriptor match"), 2);  // the unknown watch, the second removal
+    EXPECT_FALSE(cm::inotify::takeDroppedWatch());
     cmtest::resetLibraryState();
 }
 

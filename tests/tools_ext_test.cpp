@@ -95,12 +95,14 @@ TEST_F(ToolsExt, LogDescriptorReceivesEveryChannel) {
     ASSERT_EQ(pipe2(fds, O_NONBLOCK), 0);
     CM_Ext_SetLogDescriptor(fds[1]);
     CM_GetCMvarTag(CM_NUM_VAR_IDS);  // logs an invalid ID on the system-log channel
+    cm::log::emitTagged(3, "ends without a line feed");
     CM_Ext_SetLogDescriptor(-1);
     char buf[512] = {};
     const ssize_t n = read(fds[0], buf, sizeof buf - 1);
     close(fds[0]);
     close(fds[1]);
     ASSERT_GT(n, 0);
+    EXPECT_EQ(cmtest::lines(buf).back(), "ends without a line feed");
     EXPECT_EQ(buf[n - 1], '\n');
 }
 
