@@ -222,6 +222,8 @@ TEST_F(BackupRestore, RefusalsAndPartialFailures) {
          {"<<CM_FindMatchingCMvarTag>> Tag NO_SUCH_TAG not found\n", "Tag NO_SUCH_TAG not found\n",
           "Set operation failed for CM var CURRENT_FILE_TRANSFER_PASSWORD, check value?\n",
           "CM variables have been restored from file '" + backup + "', with errors\n"}},
+        {"a name this version lacks", "SOFTWARE_VERSION : 1\nNO_SUCH_TAG : 5\n", 0,
+         {"Tag NO_SUCH_TAG not found\n", "CM variables have been restored from file '" + backup + "'\n"}},
         {"malformed lines",
          "SOFTWARE_VERSION : 1\n\n   \nUNIT_NAME\nUNIT_LOCATION = x\nCT_REPORT_CONFIG : 18\nSNMP_" + std::string(100, 'X') +
              " : 1\nUNIT_LOCATION : " + std::string(600, 'v') + "\n",

@@ -1,5 +1,7 @@
 // File set-up: creation, the record-by-record check, and what the master
 // repairs while other processes only flag.
+#include <sys/resource.h>
+
 #include "platform/byte_order.h"
 #include "setup/setup.h"
 #include "support/test_support.h"
@@ -51,6 +53,24 @@ TEST_F(FileSetUp, MasterRewritesADamagedFileFromDefaults) {
     EXPECT_EQ(bBadFile[kRed], 0);
     EXPECT_EQ(cmtest::readFile(path()), good);
     for (int r = 0; r < 10; ++r) EXPECT_EQ(offsetIn(r), offsetOf(r));
+    // A copy that cannot be written whole never replaces the one kept before.
+    const std::string copy = path() + ".damaged";
+    ASSERT_EQ(cmtest::readFile(copy), bytes);
+    cmtest::writeFile(path(), bytes + std::string(100, 'x'));
+    reset();
+    EXPECT_EQ(cmtest::inChild([&] {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit small{good.size() + 50, good.size() + 50};
+        return setrlimit(RLIMIT_FSIZE, &small) != 0 ? 1 : setUpAs(true) != kWrongLength ? 2 : 0;
+    }), cmtest::kChildOk);
+    EXPECT_EQ(cmtest::readFile(copy), bytes);
+    EXPECT_EQ(cmtest::readFile(path()), good);
+    // Nor is one kept whose file cannot be made.
+    ASSERT_EQ(unlink(copy.c_str()) | mkdir((copy + ".new").c_str(), 0700), 0);
+    cmtest::writeFile(path(), bytes);
+    reset();
+    EXPECT_EQ(setUpAs(true), kWrongLength);
+    EXPECT_FALSE(std::filesystem::exists(copy));
 }
 
 TEST_F(FileSetUp, ExtraBytesAreCutByTheMasterAndOnlyFlaggedByOthers) {
@@ -111,6 +131,12 @@ TEST_F(FileSetUp, EmptyFileAndAlreadyOpenFile) {
     EXPECT_TRUE(sink.contains("is already open (FD="));
     EXPECT_EQ(cmtest::readFile(path()), good);
     EXPECT_EQ(bBadFile[kRed], 0);
+}
+
+// In a process without standard input a data file can be descriptor 0.
+TEST_F(FileSetUp, DescriptorZeroIsAnOpenFile) {
+    EXPECT_EQ(cmtest::inChild([&] { return close(0) != 0 ? 1 : setUpAs(true) != kFileGood ? 2 : fdRead[kRed] != 0 ? 3 : 0; }),
+              cmtest::kChildOk);
 }
 
 // The C entry point passes its flags through: a private copy only when asked for.
