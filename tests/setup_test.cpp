@@ -135,8 +135,10 @@ TEST_F(FileSetUp, EmptyFileAndAlreadyOpenFile) {
 
 // In a process without standard input a data file can be descriptor 0.
 TEST_F(FileSetUp, DescriptorZeroIsAnOpenFile) {
-    EXPECT_EQ(cmtest::inChild([&] { return close(0) != 0 ? 1 : setUpAs(true) != kFileGood ? 2 : fdRead[kRed] != 0 ? 3 : 0; }),
-              cmtest::kChildOk);
+    EXPECT_EQ(cmtest::inChild([&] {
+        return close(0) != 0 ? 1 : setUpAs(true) != kFileGood ? 2 : fdRead[kRed] != 0 ? 3
+             : CM_LockFile(kRed, 0, 0) != 0 || CM_UnLockFile(kRed, 0, 0) != 0 ? 4 : 0;
+    }), cmtest::kChildOk);
 }
 
 // The C entry point passes its flags through: a private copy only when asked for.
