@@ -137,7 +137,8 @@ TEST_F(FileSetUp, EmptyFileAndAlreadyOpenFile) {
 TEST_F(FileSetUp, DescriptorZeroIsAnOpenFile) {
     EXPECT_EQ(cmtest::inChild([&] {
         return close(0) != 0 ? 1 : setUpAs(true) != kFileGood ? 2 : fdRead[kRed] != 0 ? 3
-             : CM_LockFile(kRed, 0, 0) != 0 || CM_UnLockFile(kRed, 0, 0) != 0 ? 4 : 0;
+             : CM_LockFile(kRed, 0, 0) != 0 || CM_WriteDataItem(kRed, 0, good.data() + offsetOf(0) + 4, 0) < 0 ||
+                       CM_UnLockFile(kRed, 0, 0) != 0 ? 4 : 0;
     }), cmtest::kChildOk);
 }
 
