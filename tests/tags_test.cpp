@@ -93,6 +93,7 @@ TEST_F(Tags, EveryCacheDefectIsRebuilt) {
         {"binary", std::string("Unknown\n\0\xff\x01 5\n", 13), "Bad data or error while reading file"},
         {"rows out of order", [&] { auto c = sound; std::swap(c[5], c[6]); return join(c); }(),
          "CM_Load_CMTagSortedList:  File " + p + " has entries out of order, so re-creating it.\n"},
+        {"a row twice", withLine(7, sound[5]), "has entries out of order"},
     };
     __atomic_store_n(&g_iConsoleLog, 1, __ATOMIC_RELAXED);
     for (const auto& c : cases) {
