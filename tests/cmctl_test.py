@@ -160,6 +160,8 @@ class Usage(Tree):
         self.assertIn("no master has set up this tree", self.expect(1, "get", "UNIT_NAME", root="fresh").stderr)
         self.assertEqual(self.ok("--master", "get", "UNIT_NAME", root="fresh"), "Unknown\n")  # relative to cwd
         self.assertTrue(os.path.exists(os.path.join(self.root, "fresh", GENERAL.lstrip("/"))))
+        for disguise in ("/tmp/..", "../" * self.root.count("/")):  # each is the device's "/"
+            self.assertIn("own root in disguise", self.expect(2, "info", "UNIT_NAME", root=disguise).stderr)
 
     def test_second_master_refuses(self):
         proc = self.start("master")
@@ -185,6 +187,8 @@ class CheckedWrites(Tree):
         ("IP6_SNMP_MGR", "10.0.0.256", "not an IPv6 address"),
         ("MAC1_ADDRESS", "0x00112233", "16 hexadecimal digits"),
         ("MAC1_ADDRESS", "0x0011223344556677", "last 2 must be 00"),
+        ("MAC1_ADDRESS", "0x00112233445566GG", "not hexadecimal"),
+        ("CURRENT_FILE_TRANSFER_PASSWORD", "p" * 128, "password longer than 127 characters"),
         ("NO_SUCH_VAR", "1", "no such variable"),
     ]
 
@@ -229,7 +233,7 @@ class CheckedWrites(Tree):
         backup = self.write("b.txt", "SOFTWARE_VERSION : 1\nUNIT_NAME : restored\nMTU_VALUE : 1300\n")
         self.ok("restore", "--dry-run", backup)
         self.assertIn("cannot read", self.fails(1, "restore", "--filter", "/no/such/filter", backup))
-        self.ok("restore", "--filter", self.write("filter.txt", "MTU_\n"), backup)
+        self.ok("restore", "--filter", self.write("filter.txt", "MTU_\nU\n"), backup)
         self.assertEqual(self.get("UNIT_NAME", "MTU_VALUE"), ["restored", "1400"])
         self.assertEqual([d["name"] for d in json.loads(self.run_cmctl("--json", "diff", backup).stdout)],
                          ["MTU_VALUE"])
@@ -248,6 +252,7 @@ class Kinds(Tree):
         ("PW_IP_ADDRESS_2", "fe80::1", "fe80::1", ""),
         ("CURRENT_FILE_TRANSFER_PASSWORD", "pw", "********", ""),
         ("UNIT_LOCATION", "", "", "Unknown"),
+        ("UNIT_NAME", "=" * 43, "=" * 43, "Unknown"),  # the longest text; '=' belongs to the value
     ]
 
     def test_each_kind_is_set_shown_and_reset(self):
@@ -265,7 +270,9 @@ class Kinds(Tree):
         self.assertEqual(self.get(*names), [k[3] for k in self.KINDS])
         self.assertEqual(self.ok("show", "--changed"), "")
         self.ok("set", "UNIT_NAME", "-", stdin="from a pipe\r\n")
-        self.assertEqual(self.get("UNIT_NAME"), ["from a pipe"])
+        self.assertEqual(self.ok("get", "UNIT_NAME"), "from a pipe\n")  # its line end removed, CR too
+        self.ok("set", "UNIT_NAME", "a=b")
+        self.assertEqual(self.get("UNIT_NAME"), ["a=b"])
 
     def test_a_profile_download_holds_back_writes_without_force(self):
         self.ok("set", "CM_FLAG=1")
@@ -336,6 +343,8 @@ class Backup(Tree):
         self.ok("restore", path)
         self.assertEqual(self.get("UNIT_NAME", "MTU_VALUE"), ["backed up", "1300"])
         self.assertEqual(self.ok("show", "MTU_"), "MTU_VALUE = 1300\n")
+        self.ok("set", "CURRENT_FILE_TRANSFER_PASSWORD=pw", "MAC1_ADDRESS=0x0102030405060000", "IP6_SNMP_MGR=::1")
+        self.ok("backup", "--volatile", "--octets", path)
         self.assertEqual(self.ok("diff", path), "")  # equal: status 0, nothing printed
         odd = self.write("odd.txt", "SOFTWARE_VERSION : 1\nUNIT_NAME : a &amp; b\nUNIT_LOCATION : NULL\n"
                                     "FUTURE_VAR : 1\n\n")
@@ -392,6 +401,8 @@ class ExportImport(Tree):
 class Damage(Tree):
     def test_salvage_after_a_flipped_record_header(self):
         self.ok("set", "SERVICE_AUTODISCOVERY=0", "UNIT_NAME=keep me", "CMS_PORT_ADDRESS=8080")
+        backup = os.path.join(self.root, "b.txt")
+        self.ok("backup", backup)
         path = self.path(GENERAL)
         with open(path, "r+b") as f:
             f.seek(4 + 3)  # length field of the first record
@@ -400,6 +411,7 @@ class Damage(Tree):
         self.assertEqual(self.get("MTU_VALUE"), ["1500"])  # other files still read
         self.assertIn("CMF_GeneralData: 1 bad record(s)\n  record at offset 4: relative ID 0 (expected 0), length 64 "
                       "(expected 1)\n", self.expect(1, "check").stdout)
+        self.assertIn("CMF_GeneralData is damaged", self.fails(2, "diff", backup))  # not "differs"
         for verb in ("show", "export"):  # each unreadable value costs only its own line
             r = self.expect(1, verb)
             self.assertIn("MTU_VALUE = 1500\n", r.stdout)
