@@ -9,6 +9,7 @@ any other.
 
 import json
 import os
+import re
 import resource
 import select
 import shutil
@@ -144,8 +145,9 @@ class Usage(Tree):
             "reported": True}])
         blocks = self.ok("info", "UNIT_LOCATION", "MTU_VALUE").split("\n\n")
         loc, mtu = [dict((k, v.strip()) for k, v in (ln.split(":", 1) for ln in b.splitlines())) for b in blocks]
-        self.assertEqual(loc, {"name": "UNIT_LOCATION", "id": "3255", "file": self.path(GENERAL) + " (file 9, record 23)",
-                               "type": "string", "size": "64 bytes", "bounds": "0..63", "default": "Unknown",
+        self.assertEqual(loc, {"name": "UNIT_LOCATION", "id": "3255", "type": "string",
+                               "file": self.path(GENERAL) + " (file 9, record 23)", "size": "64 bytes",
+                               "bounds": "0..63", "default": "Unknown",
                                "defaults group": "3 (general, factory and all defaults)", "reported": "no"})
         self.assertEqual([mtu[k] for k in ("name", "bounds", "defaults group", "reported")],
                          ["MTU_VALUE", "1280..1500", "2 (factory and all defaults)", "yes"])
@@ -261,10 +263,11 @@ class Kinds(Tree):
         self.assertEqual(self.get(*names), [k[2] for k in self.KINDS])
         self.assertEqual(self.get("--default", *names), [k[3] for k in self.KINDS])
         self.assertEqual(sorted(self.json("show", "--changed")), sorted(names))
-        self.assertEqual(self.json("get", "SNMP_MODE", "MAC1_ADDRESS", "CURRENT_FILE_TRANSFER_PASSWORD"),
-                         {"SNMP_MODE": 2, "MAC1_ADDRESS": "0xAABBCCDDEEFF0000", "CURRENT_FILE_TRANSFER_PASSWORD": "********"})
-        self.assertEqual(self.ok("show", "CURRENT_FILE_TRANSFER_PASSWORD"), "CURRENT_FILE_TRANSFER_PASSWORD = ********\n")
-        self.assertEqual(self.ok("show", "--reveal", "CURRENT_FILE_TRANSFER_PASSWORD"), "CURRENT_FILE_TRANSFER_PASSWORD = pw\n")
+        pw = "CURRENT_FILE_TRANSFER_PASSWORD"
+        self.assertEqual(self.json("get", "SNMP_MODE", "MAC1_ADDRESS", pw),
+                         {"SNMP_MODE": 2, "MAC1_ADDRESS": "0xAABBCCDDEEFF0000", pw: "********"})
+        self.assertEqual(self.ok("show", pw), pw + " = ********\n")
+        self.assertEqual(self.ok("show", "--reveal", pw), pw + " = pw\n")
         self.assertEqual(self.ok("get", "--reveal", "CURRENT_FILE_TRANSFER_PASSWORD"), "pw\n")
         self.ok("reset", *names)
         self.assertEqual(self.get(*names), [k[3] for k in self.KINDS])
@@ -301,31 +304,44 @@ class Kinds(Tree):
 
 
 class Check(Tree):
+    REWRITTEN = "rewritten from defaults (every variable of the file)"
+    DAMAGE = [  # file, damage, JSON flag, what check says, what the repair did
+        ("SystemData", None, "missing", "missing", "created from defaults"),  # in file order
+        ("GeneralData", lambda f: (f.seek(0, 2), f.write(b"abc")), "too_long", "too long: 3 extra bytes",
+         "extra bytes removed"),
+        ("NetworkData", lambda f: f.truncate(100), "too_short",
+         r"too short: 100 bytes, expected \d+; records from \d+ on missing", REWRITTEN),
+        ("DSPdata", lambda f: (f.seek(1), f.write(b"\x07")), "bad_header", r"version 7 \(expected 0\)", REWRITTEN),
+        ("T1E1data", lambda f: f.truncate(2), "bad_header", "no header, too short: 2 bytes", REWRITTEN),
+    ]
+
     def test_check_names_each_fault_and_repair_says_what_it_did(self):
-        self.assertEqual(self.json("check"), {"good": True, "files": self.json("check")["files"], "out_of_bounds": []})
-        self.assertTrue(all(f["good"] and f["length"] == f["expected_length"] for f in self.json("check")["files"]))
-        system = self.path("/var/AppData/config/CMF_SystemData")
-        with open(self.path(GENERAL), "ab") as f:
-            f.write(b"abc")
-        os.unlink(system)
-        out = self.expect(1, "check").stdout.splitlines()
-        self.assertEqual(len(out), 10)
-        self.assertIn(self.path(GENERAL) + ": too long: 3 extra bytes", out)
-        self.assertIn(system + ": missing", out)
-        files = {f["file"]: f for f in json.loads(self.expect(1, "--json", "check").stdout)["files"]}
-        self.assertEqual([(f["too_long"], f["missing"], f["good"]) for f in (files[self.path(GENERAL)], files[system])],
-                         [(True, False, False), (False, True, False)])
-        # Cutting extra bytes off and creating a missing file lose nothing: no question asked.
-        out = self.ok("check", "--repair")
-        self.assertIn(self.path(GENERAL) + ": was too long: 3 extra bytes; extra bytes removed", out)
-        self.assertIn(system + ": was missing; created from defaults", out)
+        doc = self.json("check")
+        self.assertEqual((doc["good"], doc["out_of_bounds"], len(doc["files"])), (True, [], 10))
+        self.assertTrue(all(f["good"] and f["length"] == f["expected_length"] for f in doc["files"]))
         self.assertEqual(self.ok("check").count(": good\n"), 10)
-        os.truncate(self.path(NETWORK), 100)
-        self.assertRegex(self.expect(1, "check").stdout, r"CMF_NetworkData: too short: 100 bytes, expected \d+; records from \d+ on missing")
-        self.assertIn("add -y", self.fails(1, "check", "--repair"))
-        doc = self.json("check", "--repair", "-y")
-        self.assertEqual(([r["action"] for r in doc["repaired"]], doc["good"]),
-                         (["rewritten from defaults (every variable of the file)"], True))
+        # Cutting extra bytes off and creating a missing file lose nothing: no question is asked for them.
+        for rows in (self.DAMAGE[:2], self.DAMAGE[2:]):
+            paths = [self.path("/var/AppData/config/CMF_" + name) for name, *_ in rows]
+            for path, (_, damage, *_) in zip(paths, rows):
+                if damage is None:
+                    os.unlink(path)
+                else:
+                    with open(path, "r+b") as f:
+                        damage(f)
+            out = self.expect(1, "check").stdout
+            files = {f["file"]: f for f in json.loads(self.expect(1, "--json", "check").stdout)["files"]}
+            for path, (_, _, flag, verdict, _) in zip(paths, rows):
+                self.assertRegex(out, "(?m)^%s: %s" % (re.escape(path), verdict))
+                self.assertEqual((files[path][flag], files[path]["good"]), (True, False))
+            if rows[-1][-1] == self.REWRITTEN:
+                self.assertIn("add -y", self.fails(1, "check", "--repair"))
+            doc = json.loads(self.ok("--json", "check", "--repair", *["-y"][:rows[-1][-1] == self.REWRITTEN]))
+            self.assertEqual([(r["file"], r["action"]) for r in doc["repaired"]],
+                             [(p, r[-1]) for p, r in zip(paths, rows)])
+            self.assertTrue(doc["good"])
+        out = self.ok("check", "--repair")  # nothing to do
+        self.assertEqual((out.count(": good\n"), "was" in out), (10, False))
 
 
 class Backup(Tree):
@@ -351,8 +367,8 @@ class Backup(Tree):
         self.assertIn("odd.txt:4: FUTURE_VAR: no such variable", self.expect(0, "restore", odd).stderr)
         self.assertEqual(self.get("UNIT_NAME", "UNIT_LOCATION"), ["a & b", ""])
         self.ok("set", "UNIT_NAME=x")
-        self.assertEqual(self.expect(1, "diff", odd).stdout.splitlines(),
-                         ["UNIT_NAME: running x, backup a &amp; b", "FUTURE_VAR: not a variable of this software (backup: 1)"])
+        self.assertEqual(self.expect(1, "diff", odd).stdout.splitlines(), [
+            "UNIT_NAME: running x, backup a &amp; b", "FUTURE_VAR: not a variable of this software (backup: 1)"])
         self.assertEqual(json.loads(self.expect(1, "--json", "diff", odd).stdout)[1],
                          {"name": "FUTURE_VAR", "backup": "1", "running": None})
 
@@ -400,13 +416,15 @@ class ExportImport(Tree):
 
 class Damage(Tree):
     def test_salvage_after_a_flipped_record_header(self):
-        self.ok("set", "SERVICE_AUTODISCOVERY=0", "UNIT_NAME=keep me", "CMS_PORT_ADDRESS=8080")
+        self.ok("set", "SERVICE_AUTODISCOVERY=0", "UNIT_NAME=keep me", "CMS_PORT_ADDRESS=8080",
+                "CURRENT_FILE_TRANSFER_PASSWORD=pw")
         backup = os.path.join(self.root, "b.txt")
         self.ok("backup", backup)
         path = self.path(GENERAL)
-        with open(path, "r+b") as f:
-            f.seek(4 + 3)  # length field of the first record
-            f.write(b"\x40")
+        for damaged in (path, self.path("/tmp/CMF_VolatileData")):
+            with open(damaged, "r+b") as f:
+                f.seek(4 + 3)  # length field of the first record
+                f.write(b"\x40")
         self.assertIn("CMF_GeneralData is damaged: run cmctl check", self.fails(1, "get", "SERVICE_AUTODISCOVERY"))
         self.assertEqual(self.get("MTU_VALUE"), ["1500"])  # other files still read
         self.assertIn("CMF_GeneralData: 1 bad record(s)\n  record at offset 4: relative ID 0 (expected 0), length 64 "
@@ -422,10 +440,14 @@ class Damage(Tree):
         self.assertEqual(stat.S_IMODE(os.stat(copy).st_mode), 0o600)
         self.assertEqual(self.get("UNIT_NAME", "CMS_PORT_ADDRESS"), ["Unknown", "9190"])
         listed = {d["name"]: d["salvaged"] for d in self.json("salvage")}
-        self.assertEqual(listed, {"UNIT_NAME": "keep me", "CMS_PORT_ADDRESS": 8080})  # record 0 is lost
-        self.assertIn("UNIT_NAME: running Unknown, salvaged keep me\n", self.ok("salvage"))
+        self.assertEqual(listed, {"CURRENT_FILE_TRANSFER_PASSWORD": "********", "UNIT_NAME": "keep me",
+                                  "CMS_PORT_ADDRESS": 8080})  # record 0 of each is lost
+        self.assertEqual(self.ok("salvage").splitlines(), [
+            "CURRENT_FILE_TRANSFER_PASSWORD: running , salvaged ********",
+            "CMS_PORT_ADDRESS: running 9190, salvaged 8080", "UNIT_NAME: running Unknown, salvaged keep me"])
         self.ok("salvage", "--apply")
         self.assertEqual(self.get("UNIT_NAME", "CMS_PORT_ADDRESS"), ["keep me", "8080"])
+        self.assertEqual(self.ok("get", "--reveal", "CURRENT_FILE_TRANSFER_PASSWORD"), "pw\n")
         self.assertEqual(self.json("salvage"), [])
 
     def test_check_reports_values_out_of_bounds(self):
@@ -474,8 +496,9 @@ class Watch(Tree):
     def test_watch_json_of_a_prefix(self):
         proc = self.start("--json", "watch", "MTU_", "CURRENT_FILE_TRANSFER_PASSWORD")
         self.assertIn("watching 2 variables", self.read_line(proc.stderr))
+        pw = "CURRENT_FILE_TRANSFER_PASSWORD"
         for values, change in [(["UNIT_NAME=not watched", "MTU_VALUE=1400"], ("MTU_VALUE", 300, 1500, 1400)),
-                               (["CURRENT_FILE_TRANSFER_PASSWORD=x"], ("CURRENT_FILE_TRANSFER_PASSWORD", 197, "", "********"))]:
+                               ([pw + "=x"], (pw, 197, "", "********"))]:
             self.ok("set", *values)
             line = json.loads(self.read_line(proc.stdout))
             self.assertRegex(line.pop("time"), r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}$")
