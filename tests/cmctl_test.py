@@ -151,7 +151,7 @@ class Usage(Tree):
                                "defaults group": "3 (general, factory and all defaults)", "reported": "no"})
         self.assertEqual([mtu[k] for k in ("name", "bounds", "defaults group", "reported")],
                          ["MTU_VALUE", "1280..1500", "2 (factory and all defaults)", "yes"])
-        self.assertEqual(self.ok("find", "UNIT_NAM"), "UNIT_NAME\n")
+        self.assertEqual(self.ok("find", "NIT_NAM"), "UNIT_NAME\n")  # anywhere in the name
         self.assertEqual(self.json("find", "MTU_"), [{"name": "MTU_VALUE", "id": 300}])
         self.assertIn("SNMP_READ_COMMUNITY_2", [v["name"] for v in self.json("find", "SNMP_READ_COMMUNITY")])
         self.assertEqual(len(self.ok("show").splitlines()), 3088)
@@ -188,7 +188,7 @@ class CheckedWrites(Tree):
         ("IP4_SNMP_MGR", "2001:db8::1", "not an IPv4 address"),
         ("IP6_SNMP_MGR", "10.0.0.256", "not an IPv6 address"),
         ("MAC1_ADDRESS", "0x00112233", "16 hexadecimal digits"),
-        ("MAC1_ADDRESS", "0x0011223344556677", "last 2 must be 00"),
+        ("MAC1_ADDRESS", "0x0011223344550077", "last 2 must be 00"),
         ("MAC1_ADDRESS", "0x00112233445566GG", "not hexadecimal"),
         ("CURRENT_FILE_TRANSFER_PASSWORD", "p" * 128, "password longer than 127 characters"),
         ("NO_SUCH_VAR", "1", "no such variable"),
@@ -262,6 +262,7 @@ class Kinds(Tree):
         self.ok("set", *("%s=%s" % (n, v) for n, v, _, _ in self.KINDS))
         self.assertEqual(self.get(*names), [k[2] for k in self.KINDS])
         self.assertEqual(self.get("--default", *names), [k[3] for k in self.KINDS])
+        self.ok("check")  # a value at its bound is within it
         self.assertEqual(sorted(self.json("show", "--changed")), sorted(names))
         pw = "CURRENT_FILE_TRANSFER_PASSWORD"
         self.assertEqual(self.json("get", "SNMP_MODE", "MAC1_ADDRESS", pw),
@@ -301,6 +302,21 @@ class Kinds(Tree):
                 self.ok("defaults", which, "-y")
                 self.assertEqual(self.get("UNIT_LOCATION", "UNIT_NAME", "CURRENT_FILE_TRANSFER_PASSWORD"), after)
                 self.assertEqual(os.path.exists(cert), cert_kept)
+
+
+    def test_a_terminal_is_asked_before_defaults_are_loaded(self):
+        for answer, status, location in [("n\n", 1, "kept"), ("yes\n", 0, "Unknown")]:
+            with self.subTest(answer=answer):
+                self.ok("set", "UNIT_LOCATION=kept")
+                master, slave = os.openpty()
+                self.addCleanup(os.close, master)
+                os.write(master, answer.encode())
+                r = subprocess.run([CMCTL, "--root", self.root, "defaults", "general"], stdin=slave, stderr=slave,
+                                   stdout=subprocess.PIPE, timeout=20)
+                os.close(slave)
+                self.assertEqual(r.returncode, status)
+                self.assertIn("reset every variable of defaults group 3. Continue? [y/N]", os.read(master, 65536).decode())
+                self.assertEqual(self.get("UNIT_LOCATION"), [location])
 
 
 class Check(Tree):
