@@ -274,7 +274,7 @@ class Kinds(Tree):
         self.assertEqual(self.get(*names), [k[3] for k in self.KINDS])
         self.assertEqual(self.ok("show", "--changed"), "")
         self.ok("set", "UNIT_NAME", "-", stdin="from a pipe\r\n")
-        self.assertEqual(self.ok("get", "UNIT_NAME"), "from a pipe\n")  # its line end removed, CR too
+        self.assertEqual(self.json("get", "UNIT_NAME"), {"UNIT_NAME": "from a pipe"})  # its CR too removed
         self.ok("set", "UNIT_NAME", "a=b")
         self.assertEqual(self.get("UNIT_NAME"), ["a=b"])
 
