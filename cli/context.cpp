@@ -26,9 +26,16 @@ Options& options() {
 
 void applyGlobalOptions() {
     const Options& o = options();
-    // The library takes only absolute roots; a relative one is taken from here.
-    const std::string root =
-        o.root.empty() || o.root[0] == '/' ? o.root : std::filesystem::absolute(o.root).lexically_normal().string();
+    // The library takes only absolute roots; a relative one is taken from
+    // here.  One that leads up to "/" is passed with its ".." kept, so that
+    // the library refuses it as the device's own root in disguise, as it
+    // refuses "/tmp/..", instead of it being taken for the device.
+    std::string root = o.root;
+    if (!root.empty() && root[0] != '/') {
+        const std::filesystem::path absolute = std::filesystem::absolute(root);
+        const std::filesystem::path normal = absolute.lexically_normal();
+        root = (normal.relative_path().empty() ? absolute : normal).string();
+    }
     if (CM_Host_SetRootDirectory(root.c_str()) != 0)
         throw UsageError("--root: too long, or the device's own root in disguise: " + o.root);
     if (o.verbose > 0) {
