@@ -238,6 +238,19 @@ TEST_F(Hardening, FileDeletedAgainBeforeItsWatchComesBack) {
     CM_Exit();  // before the capture goes: the watch thread writes to it
 }
 
+// A daemon that closes its standard input after the start: a file deleted
+// twice gets descriptor 0 and gives it back each time.
+TEST_F(Hardening, DeletedFileAtDescriptorZeroIsClosed) {
+    EXPECT_EQ(inChild([&] {
+        if (CM_init(1) != 0 || close(0) != 0) return 1;
+        for (int n = 0; n < 2; ++n) {
+            unlink(ct());
+            if (!cmtest::waitFor([&] { return storage::fdRead[kCt] == 0 && sizeOf(ct()) == correct(); }, 5s)) return 2 + n;
+        }
+        return CM_Exit();
+    }), kChildOk);
+}
+
 #ifdef CM_TEST_FAILING_REALLOC
 // A private copy that cannot grow with its mapping is dropped, never left
 // shorter; the diff makes a new one, logging once under the diff's name.
