@@ -1,6 +1,5 @@
-// Loading defaults at its three levels, on real files in a private root:
-// which records each level resets, the factory reset's clean-up run for real
-// inside the root, and the all-defaults lock file seen by another process.
+// Factory and all defaults on real files in a private root: the clean-up run
+// for real inside the root, and the all-defaults lock file seen by another process.
 #include <array>
 
 #include "defaults/cleanup.h"
@@ -8,7 +7,6 @@
 #include "support/test_support.h"
 
 namespace fs = std::filesystem;
-using cm::catalogue::sConfigItemList;
 using Files = std::array<std::string, CM_NUM_FILES>;
 
 namespace {
@@ -42,23 +40,6 @@ protected:
     }
     Files pristine;
 };
-
-TEST_F(Defaults, GeneralDefaultsResetExactlyGroupThree) {
-    cmtest::CaptureSink log;
-    start();
-    const Files flipped = flipEveryRecord(pristine);
-    EXPECT_EQ(CM_Load_Defaults(), 0);
-    Files expected = flipped;
-    int group3 = 0;
-    forEachRecord([&](int i, int r, uint32_t data) {
-        if (sConfigItemList[i].pItems[r].ucAttrib < 3) return;
-        expected[i][data] = pristine[i][data];
-        ++group3;
-    });
-    ASSERT_GT(group3, 100);
-    EXPECT_EQ(readAll(), expected);
-    EXPECT_TRUE(log.contains("****** Loaded General (GROUP3) CM variable defaults. ******\n"));
-}
 
 TEST_F(Defaults, FactoryResetKeepsTheVersionAndCleansOnlyInsideTheRoot) {
     // A root that breaks naive quoting, or runs a command if unquoted.

@@ -7,18 +7,6 @@ namespace {
 
 class GetSet : public cmtest::LibraryTest {};
 
-TEST_F(GetSet, NothingHappensBeforeStart) {
-    uint32_t v = 0xAAAAAAAA;
-    EXPECT_EQ(CM_Get_Variable(CURRENT_IP4_SUBNET_MASK, &v), CM_ERR_NOT_STARTED_OR_ID);
-    EXPECT_EQ(CM_Get_Variable_Default_Value(CURRENT_IP4_SUBNET_MASK, &v), CM_ERR_NOT_STARTED_OR_ID);
-    EXPECT_EQ(CM_Get_Variable_Check_Value(CURRENT_IP4_SUBNET_MASK, &v), CM_ERR_NOT_STARTED_OR_ID);
-    EXPECT_EQ(v, 0xAAAAAAAAu);
-    EXPECT_EQ(CM_Set_Variable_CMI(CURRENT_IP4_SUBNET_MASK, &v, 0), CM_ERR_NOT_STARTED_OR_ID);
-    char text[CM_PASSWD_TEXT_SIZE] = "x";
-    EXPECT_EQ(CM_Get_Passwd(CURRENT_FILE_TRANSFER_PASSWORD, text), CM_ERR_NOT_STARTED_OR_ID);
-    EXPECT_STREQ(text, "");
-}
-
 TEST_F(GetSet, CodesAndLoggedFailures) {
     ASSERT_EQ(CM_init(1), 0);
     uint32_t v = 0;

@@ -51,6 +51,11 @@ protected:
 };
 
 TEST_F(Lifecycle, StartsOnceStopsOnceAndStartsAgain) {
+    uint32_t v = 0xAAAAAAAA;
+    char text[CM_PASSWD_TEXT_SIZE] = "x";
+    EXPECT_EQ(CM_Get_Variable_Check_Value(CURRENT_IP4_SUBNET_MASK, &v) + CM_Set_Variable_CMI(CURRENT_IP4_SUBNET_MASK, &v, 0) +
+                  CM_Get_Passwd(CURRENT_FILE_TRANSFER_PASSWORD, text), 3 * CM_ERR_NOT_STARTED_OR_ID);
+    EXPECT_EQ(std::pair(v, std::string(text)), std::pair(0xAAAAAAAAu, std::string()));
     EXPECT_EQ(CM_Exit(), CM_ERR_NOT_STARTED_OR_ID);
     EXPECT_TRUE(sink.contains("CM_Exit:../src/configparam.c:  Warning, CM not initialised..., ID="));
     ASSERT_EQ(CM_init(1), 0);

@@ -47,12 +47,8 @@ TEST_F(Tags, MappingSortsEveryTagAndWritesTheCache) {
     }
     EXPECT_NE(access(cm::paths::tagCacheTempFile(), F_OK), 0) << "the temporary file was renamed";
 
-    // Bisection finds every tag; "" and a tag after the last one are not found.
-    for (const auto& t : expected) {
-        int32_t id = -1;
-        ASSERT_EQ(CM_FindMatchingCMvarTag(t.tag.c_str(), &id), 0) << t.tag;
-        EXPECT_EQ(id, sConfigItemList[t.file].iFirstVarID + t.rel);
-    }
+    // "" and a tag after the last one are not found (the restore round trip
+    // finds every other).
     for (const std::string missing : {"", "\x7f\x7f", "A", "UNIT_NAMEX"}) {
         int32_t id = 77;
         sink.clear();
@@ -118,18 +114,6 @@ TEST_F(Tags, ACacheThatCannotBeWrittenLeavesLookupsWorking) {
     EXPECT_EQ(CM_FindMatchingCMvarTag("UNIT_NAME", &id), 0);
     EXPECT_EQ(id, UNIT_NAME);
     EXPECT_EQ(cm::tags::bSortedListLoaded, 0);
-    ASSERT_EQ(rmdir(cm::paths::tagCacheTempFile()), 0);
-
-    // The final path is a directory: the rename fails and neither file stays.
-    ASSERT_EQ(mkdir(cache.c_str(), 0755), 0);
-    sink.clear();
-    EXPECT_EQ(CM_TagMapping(), 0);
-    EXPECT_TRUE(sink.contains(std::string("Rename of file ") + cm::paths::tagCacheTempFile() + " to " + cache +
-                              " failed so deleted it, errno="));
-    EXPECT_NE(access(cache.c_str(), F_OK), 0);
-    EXPECT_NE(access(cm::paths::tagCacheTempFile(), F_OK), 0);
-    EXPECT_EQ(CM_FindMatchingCMvarTag("UNIT_NAME", &id), 0);
-    EXPECT_EQ(id, UNIT_NAME);
 }
 
 TEST_F(Tags, LinearSearch) {

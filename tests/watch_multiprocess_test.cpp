@@ -45,22 +45,6 @@ TEST_F(MultiProcess, WriteReachesEveryProcessOnceAndEqualWritesReachNobody) {
     EXPECT_EQ(other.finish(), 0);
 }
 
-TEST_F(MultiProcess, ChangesSeenInOneDiffAreNotifiedInAscendingOrder) {
-    Agent watcher;
-    ASSERT_EQ(watcher.call("init 1"), "ok 0");
-    ASSERT_EQ(watcher.call("reg " + std::to_string(CMS_CONNECT_TIMEOUT) + " " +
-                           std::to_string(CMS_REQUEST_ATTEMPTS)),
-              "ok 0");
-    // One write of the whole file changes three records at once, so one
-    // event and one diff carry them all.
-    std::string bytes = cmtest::readFile(fileOf(kGeneral));
-    for (int32_t id : {CMS_REQUEST_ATTEMPTS, CMS_CONNECT_TIMEOUT, CMS_RECEIVE_TIMEOUT}) bytes[recordOffset(id) + 4] = 99;
-    rewrite(fileOf(kGeneral), bytes);
-    ASSERT_TRUE(watcher.waitCallbacks(3));
-    EXPECT_EQ(watcher.callbacks(), (std::vector<int>{CMS_CONNECT_TIMEOUT, CMS_RECEIVE_TIMEOUT, CMS_REQUEST_ATTEMPTS}));
-    EXPECT_EQ(watcher.finish(), 0);
-}
-
 TEST_F(MultiProcess, DeletedFileIsRecreatedByTheMasterAndNotifiedEverywhere) {
     constexpr int kWd = 6;  // 11 variables, IDs 3104..3114
     Agent master, other;
