@@ -186,6 +186,7 @@ TEST_F(BackupRestore, RestoredChangesAreToldOnceInOrder) {
     static std::mutex mu;
     static std::vector<int32_t> told;
     const auto seen = [] { return std::lock_guard(mu), told; };
+    told.clear();
     for (int32_t id : {CURRENT_DOMAIN_NAME, MTU_VALUE, CMS_CONNECT_TIMEOUT, UNIT_NAME, UNIT_LOCATION})
         ASSERT_EQ(CM_Register_Interest(id, [](int32_t id) { return std::lock_guard(mu), told.push_back(id), 0; }), 0);
     const std::string general = cm::storage::pathOf(9), location = bare(UNIT_LOCATION);
