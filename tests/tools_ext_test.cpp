@@ -41,8 +41,7 @@ protected:
     std::vector<uint32_t> offsets;
 };
 
-// Every damaged record is listed, not only the first, and nothing is changed
-// (the kinds of damage are swept through cmctl check).
+// Every damaged record is listed, not only the first; nothing is changed (cmctl's check sweeps the kinds).
 TEST_F(ToolsExt, FileCheckListsEveryBadRecordWithoutChangingTheFile) {
     std::string twoBad = good;
     twoBad[offsets[3] + 1] ^= 1;   // relative ID of record 3
