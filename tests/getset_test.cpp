@@ -1,5 +1,4 @@
-// Get and set through the C API: start state, the checked get's repair, the
-// MAC cache and the set mutex held after a password failure.
+// Get and set through the C API: the checked get's repair, the MAC cache, the set mutex after a password failure.
 #include "getset/mac_cache.h"
 #include "support/test_support.h"
 
