@@ -309,6 +309,11 @@ int main(int argc, char** argv) {
         rows.push_back(summarise(w + "p50", of(Kind::Full, k), of(Kind::Light, k), &RunResult::writeP50, 1.1));
         rows.push_back(summarise(w + "p99", of(Kind::Full, k), of(Kind::Light, k), &RunResult::writeP99, 1.3));
     }
+    // The same set by bare system calls, in a writer with a bare watch thread
+    // of its own: what a second thread woken by each write costs by itself.
+    for (int k : {0, 1, 8})
+        rows.push_back(summarise("notify/set by CM_init vs floor writer with own watch thread, " + std::to_string(k) +
+                                     " watching, p50", of(Kind::Full, k), of(Kind::Floor, k), &RunResult::writeP50, 0));
     // What one watching thread costs a set in the kernel alone (its events
     // queued and the thread woken): the floor of the CM_init writer's excess.
     rows.push_back(summarise("notify/set by CM_initNoRegister, 1 watching vs none, p50", of(Kind::Light, 1),
