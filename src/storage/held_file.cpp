@@ -10,13 +10,15 @@
 namespace cm::storage {
 namespace {
 
+// The file this thread holds, -1 for none (a HeldFile is used by the thread
+// that made it), and whether a record of it has been written.
 thread_local int t_held = -1;
 thread_local bool t_written = false;
 
 }  // namespace
 
 void HeldFile::hold(int i) {
-    if (file_ == i) return;
+    if (t_held == i) return;
     release();
     // A file that is not open is left to the records' own checks and messages.
     if (i < 0 || i >= kNumFiles || fdRead[i] < 0) return;
@@ -28,15 +30,15 @@ void HeldFile::hold(int i) {
         pthread_mutex_unlock(&process::mCMMutex);
         return;
     }
-    file_ = t_held = i;
+    t_held = i;
     t_written = false;
 }
 
 void HeldFile::release() {
-    if (file_ < 0) return;
-    const int i = file_;
+    const int i = t_held;
+    if (i < 0) return;
     if (t_written && fdRead[i] >= 0) detail::writeCrcWord(i, "CM_UpdateCRCwithLock");
-    file_ = t_held = -1;
+    t_held = -1;
     t_written = false;
     unlockFile(i, 0, 0);
     pthread_mutex_unlock(&process::mCMMutex);

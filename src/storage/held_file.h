@@ -21,9 +21,6 @@ public:
     // locked is not held: its records then take their own locks.
     void hold(int iFileIndex);
     void release();
-
-private:
-    int file_ = -1;
 };
 
 // True while this thread holds file i through a HeldFile.
