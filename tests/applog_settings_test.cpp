@@ -25,11 +25,9 @@ protected:
 
 TEST_F(Applog, RemoteLogEventText) {
     cmtest::CaptureSink log;
-    // Remote events only: the watch thread may log too.
-    const auto events = [&] {
+    const auto events = [&] {  // remote events only: the watch thread may log too
         auto lines = log.lines();
-        std::erase_if(lines, [](const auto& l) { return l.text.rfind("^^VX", 0) != 0; });
-        return lines;
+        return std::erase_if(lines, [](const auto& l) { return l.text.rfind("^^VX", 0) != 0; }), lines;
     };
     start();
     RemoteLog(6, 21, "%s", "too early");

@@ -1,6 +1,7 @@
-// The log gate's decision table and the two message shapes on both channels.
+// The log gate's decision table, the two message shapes on both channels, and the sink's replacement.
 #include <cerrno>
 
+#include "log/syslog_direct.h"
 #include "support/test_support.h"
 
 using cm::log::Channel;
@@ -80,6 +81,16 @@ TEST_F(LogGate, RefusedMessagesAreNeverFormattedAndThrottleFollowsWrites) {
     CM_LOG(259, "f", "off\n");
     EXPECT_EQ(env.sleeps().size(), 2u);
     EXPECT_EQ(sink.lines().size(), 1u);
+}
+
+TEST(LogSink, ReplacingWaitsForAWriteUnderWay) {
+    std::atomic<int> step{0};
+    cmtest::CaptureSink slow([&](const std::string&) { for (step = 1; step == 1;) sched_yield(); });
+    std::thread writer([] { cm::log::syslogDirect(6, "slow\n"); });
+    ASSERT_TRUE(cmtest::waitFor([&] { return step == 1; }));
+    std::thread replacer([&] { cm::log::setSink(nullptr), step = 3; });
+    EXPECT_FALSE(cmtest::waitFor([&] { return step == 3; }, std::chrono::milliseconds(50)));
+    step = 2, replacer.join(), writer.join();
 }
 
 }  // namespace

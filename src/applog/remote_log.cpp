@@ -34,7 +34,7 @@ struct Guard {
 void toSyslog(int priority, const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    log::sink().write(log::Channel::Syslog, priority, fmt, ap);
+    log::emit(log::Channel::Syslog, priority, fmt, ap);
     va_end(ap);
 }
 

@@ -25,7 +25,7 @@ constexpr size_t kMaxFormat = 1024;
 Channel channel() { return __atomic_load_n(&g_iConsoleLog, __ATOMIC_RELAXED) == 1 ? Channel::Console : Channel::Syslog; }
 
 void writeFormat(uint32_t level, const char* fmt, va_list ap) {
-    sink().write(channel(), static_cast<int>(level & 7), fmt, ap);
+    emit(channel(), static_cast<int>(level & 7), fmt, ap);
 }
 
 }  // namespace

@@ -17,8 +17,11 @@ public:
     virtual void write(Channel ch, int priority, const char* fmt, va_list ap) = 0;
 };
 
-Sink& sink();
-// Replaces the sink; nullptr restores the default.  Test support.
+// Writes one message through the sink in place.
+void emit(Channel ch, int priority, const char* fmt, va_list ap);
+// Replaces the sink; nullptr restores the default.  Returns once no thread
+// is still writing through the sink it replaced, so that the caller may then
+// destroy that one.  Never called from inside a sink's write.
 void setSink(Sink* s);
 
 }  // namespace cm::log

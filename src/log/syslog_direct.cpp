@@ -11,7 +11,7 @@ void syslogDirect(int priority, const char* fmt, ...) {
     const int savedErrno = errno;
     va_list ap;
     va_start(ap, fmt);
-    sink().write(Channel::Syslog, priority & 7, fmt, ap);
+    emit(Channel::Syslog, priority & 7, fmt, ap);
     va_end(ap);
     errno = savedErrno;
 }
