@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <climits>
-#include <cstdio>
 #include <cstring>
 #include <mutex>
 
@@ -23,9 +22,11 @@ std::once_flag g_defaultOnce;
 std::atomic<unsigned> g_generation{0};
 
 bool join(char* out, std::string_view base, std::string_view devicePath) {
-    int n = std::snprintf(out, PATH_MAX, "%.*s%.*s", static_cast<int>(base.size()), base.data(),
-                          static_cast<int>(devicePath.size()), devicePath.data());
-    return n >= 0 && n < PATH_MAX;
+    if (base.size() + devicePath.size() >= PATH_MAX) return false;
+    std::memcpy(out, base.data(), base.size());
+    std::memcpy(out + base.size(), devicePath.data(), devicePath.size());
+    out[base.size() + devicePath.size()] = '\0';
+    return true;
 }
 
 bool build(std::string_view root) {

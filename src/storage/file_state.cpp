@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <climits>
+#include <cstring>
 #include <mutex>
 
 #include "log/log.h"
@@ -70,12 +71,24 @@ namespace {
 
 // The data files' paths under the current root, resolved again after the
 // root changes (which happens before start-up, never while files are open).
+// They are packed one after another, so that a start writes one page rather
+// than one per file; each still has room for a path of PATH_MAX bytes.
 struct ResolvedPaths {
-    char files[kNumFiles][PATH_MAX] = {};
+    char text[kNumFiles * PATH_MAX] = {};
+    const char* at[kNumFiles] = {};
 };
 ResolvedPaths g_paths;
 std::mutex g_pathsMutex;
 std::atomic<unsigned> g_pathsGeneration{~0u};
+
+void resolveAll() {
+    char* next = g_paths.text;
+    for (int i = 0; i < kNumFiles; ++i) {
+        if (!paths::resolve(next, catalogue::sConfigItemList[i].szPath)) *next = '\0';
+        g_paths.at[i] = next;
+        next += std::strlen(next) + 1;
+    }
+}
 
 }  // namespace
 
@@ -84,12 +97,11 @@ const char* pathOf(int iFileIndex) {
     if (g_pathsGeneration.load(std::memory_order_acquire) != gen) {
         std::lock_guard<std::mutex> g(g_pathsMutex);
         if (g_pathsGeneration.load(std::memory_order_relaxed) != gen) {
-            for (int i = 0; i < kNumFiles; ++i)
-                if (!paths::resolve(g_paths.files[i], catalogue::sConfigItemList[i].szPath)) g_paths.files[i][0] = '\0';
+            resolveAll();
             g_pathsGeneration.store(gen, std::memory_order_release);
         }
     }
-    return g_paths.files[iFileIndex];
+    return g_paths.at[iFileIndex];
 }
 
 }  // namespace cm::storage
