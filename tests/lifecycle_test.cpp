@@ -61,7 +61,7 @@ TEST_F(Lifecycle, StartsOnceStopsOnceAndStartsAgain) {
     ASSERT_EQ(CM_init(1), 0);
     EXPECT_EQ(CM_init(1), CM_ERR_ALREADY_STARTED);
     EXPECT_EQ(CM_initNoRegister(), CM_ERR_ALREADY_STARTED);
-    EXPECT_TRUE(sink.contains("CM File Access initialised successfully. Version 3.400.4.0 ("));
+    EXPECT_TRUE(cmtest::waitFor([&] { return sink.contains("CM File Access initialised successfully. Version 3.400.4.0 ("); }));
     EXPECT_EQ(g_versionCalls, 1) << "the master records its version";
     for (int i = 0; i < cm::storage::kNumFiles; ++i)
         EXPECT_EQ(cm::storage::dwLenMappedFile[i], cm::storage::correctLength(i));
@@ -96,6 +96,23 @@ TEST_F(Lifecycle, FatalErrorsEndTheProcessWithStatusOne) {
     });
     EXPECT_EQ(status, 1);
     EXPECT_NE(out.find("FATAL ERROR 'inotify_init failed' in line"), std::string::npos) << out;
+}
+
+// The closing banner is the watch thread's to write; a process that ends
+// right after its start still writes it, however slow the log.
+TEST_F(Lifecycle, BannerOutlivesAnImmediateExit) {
+    auto [status, out] = inChild([] {
+        struct SlowLog : cm::log::Sink {
+            void write(cm::log::Channel, int, const char* fmt, va_list ap) override {
+                usleep(100000);
+                std::vprintf(fmt, ap);
+            }
+        };
+        cm::log::setSink(new SlowLog);
+        std::exit(CM_init(1));
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(out.find("CM File Access initialised successfully."), std::string::npos) << out;
 }
 
 // A daemon without standard input: the library's descriptor 0 is closed at the stop.

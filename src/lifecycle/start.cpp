@@ -1,7 +1,9 @@
 #include "lifecycle/start.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/inotify.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -30,6 +32,44 @@ constexpr uint32_t kNotStartedWarn = 36;
 using storage::kNumFiles;
 using namespace process;
 
+// The closing banner of a full start is the watch thread's first act: the
+// starter does not wait for the system log (whose first message in a
+// process loads the time zone and connects to the log socket).  A process
+// that ends with exit() just after a start waits for it, a second at most.
+struct PendingBanner {
+    int result = 0;
+    bool pending = false;
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t written = PTHREAD_COND_INITIALIZER;
+
+    ~PendingBanner() {
+        timespec until{};
+        clock_gettime(CLOCK_MONOTONIC, &until);
+        until.tv_sec += 1;
+        pthread_mutex_lock(&mutex);
+        while (pending && pthread_cond_clockwait(&written, &mutex, CLOCK_MONOTONIC, &until) == 0) {
+        }
+        pthread_mutex_unlock(&mutex);
+    }
+} g_banner;
+
+void markBanner(bool pending) {
+    pthread_mutex_lock(&g_banner.mutex);
+    g_banner.pending = pending;
+    pthread_mutex_unlock(&g_banner.mutex);
+    if (!pending) pthread_cond_broadcast(&g_banner.written);
+}
+
+void logStartBanner() {
+    if (g_banner.result < 0)
+        CM_LOG_TAGGED(kStartWarn, "CM File Access Initialisation FAILED. Version %d.%03d.%d.%d (%s %s)\n",
+                      CM_VERSION_MAJOR, CM_VERSION_MINOR, CM_VERSION_PATCH, CM_VERSION_BUILD, buildDate(), buildTime());
+    else
+        CM_LOG_TAGGED(kStartNotice, "CM File Access initialised successfully. Version %d.%03d.%d.%d (%s %s)\n",
+                      CM_VERSION_MAJOR, CM_VERSION_MINOR, CM_VERSION_PATCH, CM_VERSION_BUILD, buildDate(), buildTime());
+    markBanner(false);
+}
+
 void alreadyStartedWarning(const char* fn) {
     CM_LOG(kStartWarn, fn, "Warning, CM already initialised..., ID=%d\n", getpid());
 }
@@ -38,17 +78,18 @@ void alreadyStartedWarning(const char* fn) {
 // other threads: it forgets the parent's watch thread and renews any lock a
 // vanished thread held, so that it can stop and start the library again.
 void afterForkInChild() {
+    // The parent's thread writes the parent's banner.
+    pthread_mutex_init(&g_banner.mutex, nullptr);
+    pthread_cond_init(&g_banner.written, nullptr);
+    g_banner.pending = false;
     watch::forgetThreadAfterFork();
     storage::renewFileMutexesAfterFork();
     renewLocksAfterFork();
 }
 
-// Once per process.  A function-local static rather than std::call_once,
-// whose completion always costs a system call.
-void prepareForForks() {
-    static const bool registered = pthread_atfork(nullptr, nullptr, afterForkInChild) == 0;
-    (void)registered;
-}
+// Registered when the library is loaded, once per process, so that no
+// start pays for it.
+const bool g_forkHandlerRegistered = pthread_atfork(nullptr, nullptr, afterForkInChild) == 0;
 
 bool notStarted(const char* fn) {
     if (started()) return false;
@@ -66,7 +107,7 @@ int init(int iMaster) {
         alreadyStartedWarning("CM_init");
         return CM_ERR_ALREADY_STARTED;
     }
-    prepareForForks();
+    (void)g_forkHandlerRegistered;
     // The thread of an earlier start must be gone before mCMMutex is taken:
     // one of its callbacks may be waiting for mCMMutex in a set.
     watch::waitForStaleWatchThread();
@@ -116,18 +157,15 @@ int fileAccessInit() {
         }
         result = setup::setUpConfigFile(i);
     }
-    const int rc = watch::startWatchThread();
+    // Only the last file's result decides the banner.
+    g_banner.result = result;
+    markBanner(true);
+    const int rc = watch::startWatchThread(logStartBanner);
     if (rc != 0) {
+        markBanner(false);
         errno = rc;
         errQuit("'Failed to create CM_ReadThread() inotify thread'", __LINE__);
     }
-    // Only the last file's result decides the banner.
-    if (result < 0)
-        CM_LOG_TAGGED(kStartWarn, "CM File Access Initialisation FAILED. Version %d.%03d.%d.%d (%s %s)\n",
-                      CM_VERSION_MAJOR, CM_VERSION_MINOR, CM_VERSION_PATCH, CM_VERSION_BUILD, buildDate(), buildTime());
-    else
-        CM_LOG_TAGGED(kStartNotice, "CM File Access initialised successfully. Version %d.%03d.%d.%d (%s %s)\n",
-                      CM_VERSION_MAJOR, CM_VERSION_MINOR, CM_VERSION_PATCH, CM_VERSION_BUILD, buildDate(), buildTime());
     if (isMaster())
         createVersionInfoFile_date(CM_VERSION_MAJOR, CM_VERSION_MINOR, CM_VERSION_PATCH, CM_VERSION_BUILD,
                                    "ConfigManagerVersion", buildDate(), buildTime(), 0);
@@ -139,7 +177,7 @@ int initNoRegister() {
         alreadyStartedWarning("CM_initNoRegister");
         return CM_ERR_ALREADY_STARTED;
     }
-    prepareForForks();
+    (void)g_forkHandlerRegistered;
     fileAccessInitNoRegister();
     ucCMInitialised = kStarted;
     return CM_OK;

@@ -44,6 +44,7 @@ struct ThreadState {
     pthread_t handle{};
     bool joinable = false;
     int events = -1;
+    void (*firstAct)() = nullptr;
 };
 ThreadState g_state;
 pthread_mutex_t g_stateMutex = PTHREAD_MUTEX_INITIALIZER;
@@ -190,6 +191,10 @@ void yieldToRunningThreads() {
 }  // namespace
 
 void* readThread(void*) {
+    pthread_mutex_lock(&g_stateMutex);
+    void (*const firstAct)() = g_state.firstAct;
+    pthread_mutex_unlock(&g_stateMutex);
+    if (firstAct != nullptr) firstAct();
     CM_LOG_TAGGED(293, "Started pthread PID=%d:%d running ConfigManager CM_ReadThread()\n", getpid(), platform::tid());
     yieldToRunningThreads();
     const int fd = eventsFd();
@@ -240,9 +245,10 @@ bool joinWatchThread(bool bounded) {
 
 void waitForStaleWatchThread() { joinWatchThread(false); }
 
-int startWatchThread() {
+int startWatchThread(void (*firstAct)()) {
     pthread_mutex_lock(&g_stateMutex);
     closeEventsFd();
+    g_state.firstAct = firstAct;
     g_state.events = dupCloseOnExec(process::inotifyfd.load());
     g_wakeUps.store(0);
     storage::ownwrite::reset();
