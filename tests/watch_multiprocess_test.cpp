@@ -41,6 +41,31 @@ TEST_F(MultiProcess, WriteReachesEveryProcessOnceAndEqualWritesReachNobody) {
     EXPECT_EQ(master.callbacks(), expected);
     EXPECT_EQ(other.callbacks(), expected);
     EXPECT_EQ(other.call("get " + std::to_string(CMS_LINK_INACTIVITY)), "ok 0 44");
+
+    // A holder of the whole file (a restore) writes while both watchers wait
+    // for it, their modify events off: the diff after the wait sees the
+    // writes, and writes after it are heard again.
+    const int fd = open(fileOf(kGeneral).c_str(), O_RDWR | O_CLOEXEC);
+    struct flock whole{};
+    whole.l_type = F_WRLCK;
+    ASSERT_EQ(fcntl(fd, F_SETLKW, &whole), 0);
+    ASSERT_EQ(pwrite(fd, "\x77", 1, recordOffset(CMS_CONNECT_TIMEOUT) + 4), 1);
+    const auto waiting = [](const Agent& a) {
+        for (const auto& l : cmtest::lines(cmtest::readFile("/proc/locks")))
+            if (l.find("-> POSIX") != std::string::npos && l.find(" " + std::to_string(a.pid()) + " ") != std::string::npos)
+                return true;
+        return false;
+    };
+    ASSERT_TRUE(cmtest::waitFor([&] { return waiting(master) && waiting(other); }));
+    ASSERT_EQ(pwrite(fd, "\x77", 1, recordOffset(CMS_LINK_INACTIVITY) + 4), 1);
+    close(fd);
+    for (Agent* a : {&master, &other}) ASSERT_TRUE(a->waitCallbacks(4));
+    ASSERT_EQ(master.call("put " + std::to_string(CMS_CONNECT_TIMEOUT) + " 34"), "ok 1");
+    for (Agent* a : {&master, &other}) {
+        ASSERT_TRUE(a->waitCallbacks(5));
+        EXPECT_EQ(a->callbacks(), (std::vector<int>{CMS_CONNECT_TIMEOUT, CMS_LINK_INACTIVITY, CMS_CONNECT_TIMEOUT,
+                                                    CMS_LINK_INACTIVITY, CMS_CONNECT_TIMEOUT}));
+    }
     EXPECT_EQ(master.finish(), 0);
     EXPECT_EQ(other.finish(), 0);
 }

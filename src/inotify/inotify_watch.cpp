@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "log/log.h"
@@ -68,6 +69,22 @@ bool addInotifyWatchNamed(int i, dev_t dev, ino_t ino, struct stat* named) {
     if (addWatch(i) != 0) return false;
     if (stat(pathOf(i), named) == 0 && named->st_ino == ino && named->st_dev == dev) return true;
     markForRecheck(i);
+    return false;
+}
+
+bool setModifyEvents(int i, bool on) {
+    const int ifd = process::inotifyfd.load(), wd = inotifywd[i].load(), fd = fdRead[i].load();
+    if (ifd < 0 || wd < 0 || fd < 0) return false;
+    // The open file is named through this process's own descriptor table,
+    // so that the kernel changes the mask of the watch on that very inode,
+    // whatever its path names by now.
+    char self[32];
+    std::snprintf(self, sizeof self, "/proc/self/fd/%d", fd);
+    const int got = inotify_add_watch(ifd, self, on ? kWatchMask : kWatchMask & ~IN_MODIFY);
+    if (got == wd) return true;
+    // The file's watch was gone already (its IN_IGNORED event is on its
+    // way): the one just made is taken back, unreported.
+    if (got >= 0 && inotify_rm_watch(ifd, got) == 0) g_dropped.fetch_add(1);
     return false;
 }
 

@@ -29,6 +29,12 @@ int addInotifyWatch(int iFileIndex, const struct stat* openFile);
 // marked for a re-check as above, and false (false also when the watch
 // could not be added, as addInotifyWatch reports it).
 bool addInotifyWatchNamed(int iFileIndex, dev_t dev, ino_t ino, struct stat* named);
+// Turns the modify events of the file's watch off (or back on) while the
+// watch thread waits for a file that another thread or process holds (a
+// restore, a load of defaults): each record written meanwhile would queue an
+// event, at a cost to its writer, and the diff that follows the wait sees
+// every one of those writes.  True when the watch's mask was changed.
+bool setModifyEvents(int iFileIndex, bool on);
 // Takes back a watch that set-up added but does not keep.  The IN_IGNORED
 // event that the removal queues is then not reported as unknown.
 void dropInotifyWatch(int iFileIndex);

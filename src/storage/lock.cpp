@@ -57,7 +57,7 @@ int lockMutex(int i, const char* fn) {
     return -1;
 }
 
-int lockMutexYielding(int i, const char* fn) {
+int lockMutexYielding(int i, const char* fn, WaitAside aside) {
     constexpr int kYields = 50;
     for (int n = 0; n < kYields; ++n) {
         if (pthread_mutex_trylock(&mtxFile[i]) == 0) {
@@ -68,7 +68,11 @@ int lockMutexYielding(int i, const char* fn) {
         }
         sched_yield();
     }
-    return lockMutex(i, fn);
+    if (aside == nullptr) return lockMutex(i, fn);
+    aside(i, true);
+    const int rc = lockMutex(i, fn);
+    aside(i, false);
+    return rc;
 }
 
 void unlockMutex(int i, const char* fn) {
@@ -120,6 +124,22 @@ int lockFile(int i, off_t start, off_t length) {
         return -1;
     }
     return lockRange(i, start, length, fn);
+}
+
+int lockFileAside(int i, off_t start, off_t length, WaitAside aside) {
+    constexpr const char* fn = "CM_LockFile";
+    if (!checkIndex(i, fn)) return -1;
+    if (lockMutex(i, fn) != 0) {
+        logNoDescriptor(i, fn);
+        return -1;
+    }
+    const short type = process::readOnly() ? F_RDLCK : F_WRLCK;
+    if (setLock(fdRead[i], type, F_SETLK, start, length) == 0) return 0;
+    if (errno != EAGAIN && errno != EACCES) return lockRange(i, start, length, fn);
+    aside(i, true);
+    const int rc = lockRange(i, start, length, fn);
+    aside(i, false);
+    return rc;
 }
 
 int moveLock(int i, off_t fromStart, off_t fromLength, off_t toStart, off_t toLength) {

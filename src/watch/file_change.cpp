@@ -210,6 +210,25 @@ void handleModifiedFile(int i) {
     }
 }
 
+namespace {
+
+// A file this thread must wait for is written by its holder meanwhile,
+// maybe a record at a time (a restore): its modify events are left out
+// for the wait.  Should they not come back on, the file is set up again,
+// with a new watch, at the next pass.
+bool g_eventsOff[kNumFiles];
+
+void eventsAsideForWait(int i, bool waiting) {
+    if (waiting) {
+        g_eventsOff[i] = inotify::setModifyEvents(i, false);
+        return;
+    }
+    if (g_eventsOff[i] && !inotify::setModifyEvents(i, true)) inotify::markForRecheck(i);
+    g_eventsOff[i] = false;
+}
+
+}  // namespace
+
 void actionFileChange(int i) {
     constexpr const char* fn = "CM_ActionFileChange";
     if (!ensurePrevData(i)) return;
@@ -223,7 +242,7 @@ void actionFileChange(int i) {
     // that lands after its block was compared raises an event of its own,
     // which the next pass sees.
     std::span<const uint32_t> blocks;
-    if (lockMutexYielding(i, fn) != 0) return;
+    if (lockMutexYielding(i, fn, eventsAsideForWait) != 0) return;
     const uint8_t* map = pMappedFile[i];
     const uint8_t* prev = pPrevData[i];
     const uint32_t seen = std::min<uint32_t>(dwLenMappedFile[i], dwLenPrevData[i]);
@@ -239,7 +258,11 @@ void actionFileChange(int i) {
     int nChanged = 0;
     bool repair = false;
     {
-        FileLock whole(i, 0, 0);
+        lockFileAside(i, 0, 0, eventsAsideForWait);
+        const struct Unlock {
+            int i;
+            ~Unlock() { unlockFile(i, 0, 0); }
+        } unlock{i};
         if (fdRead[i] < 0 || pPrevData[i] == nullptr || pMappedFile[i] == nullptr) return;
         // Only bytes both the mapping and the copy hold are compared.
         const uint32_t len = std::min<uint32_t>(dwLenMappedFile[i], dwLenPrevData[i]);
