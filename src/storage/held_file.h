@@ -23,6 +23,13 @@ public:
     void release();
 };
 
+// While a file is held, this process's own watch leaves out its modify
+// events: the thread would only wait for the hold, woken by every record
+// written.  The CRC word written at the release, with the events back on,
+// brings the thread's pass.  `aside(i, on)` turns them off and on; true
+// when it did (set by the watch thread's owner).
+void setHoldAside(bool (*aside)(int iFileIndex, bool on));
+
 // True while this thread holds file i through a HeldFile.
 bool heldWhole(int iFileIndex);
 // A record of a held file was written: the CRC word follows at the release.

@@ -57,7 +57,7 @@ int lockMutex(int i, const char* fn) {
     return -1;
 }
 
-int lockMutexYielding(int i, const char* fn, WaitAside aside) {
+int lockMutexYielding(int i, const char* fn) {
     constexpr int kYields = 50;
     for (int n = 0; n < kYields; ++n) {
         if (pthread_mutex_trylock(&mtxFile[i]) == 0) {
@@ -68,11 +68,7 @@ int lockMutexYielding(int i, const char* fn, WaitAside aside) {
         }
         sched_yield();
     }
-    if (aside == nullptr) return lockMutex(i, fn);
-    aside(i, true);
-    const int rc = lockMutex(i, fn);
-    aside(i, false);
-    return rc;
+    return lockMutex(i, fn);
 }
 
 void unlockMutex(int i, const char* fn) {

@@ -30,12 +30,10 @@ int lockMutex(int iFileIndex, const char* fn);
 // lockMutex for the watch thread: while another thread (a set finishing)
 // holds the mutex, yields to it a few times before it blocks, so that the
 // holder neither loses its processor to the thread nor has to wake it.
-// When it must block after all, `aside(i, true)` runs before the wait and
-// `aside(i, false)` after it.
+int lockMutexYielding(int iFileIndex, const char* fn);
+// lockFile for the watch thread: when another process holds the range,
+// `aside(i, true)` runs before the wait for it and `aside(i, false)` after.
 using WaitAside = void (*)(int iFileIndex, bool waiting);
-int lockMutexYielding(int iFileIndex, const char* fn, WaitAside aside = nullptr);
-// lockFile for the watch thread: the same locks, and the same `aside` calls
-// around a wait for another process that holds the range.
 int lockFileAside(int iFileIndex, off_t start, off_t length, WaitAside aside);
 void unlockMutex(int iFileIndex, const char* fn);
 int lockRange(int iFileIndex, off_t start, off_t length, const char* fn);

@@ -30,6 +30,11 @@ void noEventFollows(int i) {
     if (auto* wake = g_wake.load()) wake();
 }
 
+void askPass(int i) {
+    g_redo[i].store(true);
+    if (auto* wake = g_wake.load()) wake();
+}
+
 bool leaveToNextEvent(int i) {
     g_left[i].store(true);
     if (g_underWay[i].load()) return true;

@@ -21,6 +21,10 @@ void begin(int iFileIndex);          // just before the record write
 void eventFollows(int iFileIndex);   // just before the check-word write
 void noEventFollows(int iFileIndex); // instead of it, or after it failed
 
+// Asks the watch thread for a pass of the file (a hold that kept the
+// file's modify events out and wrote nothing, so no event follows).
+void askPass(int iFileIndex);
+
 // Watch-thread side.  True when the file's pass may be left to the event
 // of a check-word write still to come.
 bool leaveToNextEvent(int iFileIndex);

@@ -212,22 +212,32 @@ void handleModifiedFile(int i) {
 
 namespace {
 
-// A file this thread must wait for is written by its holder meanwhile,
-// maybe a record at a time (a restore): its modify events are left out
-// for the wait.  Should they not come back on, the file is set up again,
-// with a new watch, at the next pass.
+// A file this thread must wait for is held by another process meanwhile,
+// which may write it a record at a time (a restore): its modify events are
+// left out for the wait, and the file gets a pass of its own afterwards.
+// Should the events not come back on, the file is set up again, with a new
+// watch, at the next pass.
 bool g_eventsOff[kNumFiles];
+bool g_passAgain[kNumFiles];
 
 void eventsAsideForWait(int i, bool waiting) {
     if (waiting) {
         g_eventsOff[i] = inotify::setModifyEvents(i, false);
         return;
     }
-    if (g_eventsOff[i] && !inotify::setModifyEvents(i, true)) inotify::markForRecheck(i);
+    if (!g_eventsOff[i]) return;
     g_eventsOff[i] = false;
+    g_passAgain[i] = true;
+    if (!inotify::setModifyEvents(i, true)) inotify::markForRecheck(i);
 }
 
 }  // namespace
+
+bool takePassAgain(int i) {
+    const bool again = g_passAgain[i];
+    g_passAgain[i] = false;
+    return again;
+}
 
 void actionFileChange(int i) {
     constexpr const char* fn = "CM_ActionFileChange";
@@ -242,7 +252,7 @@ void actionFileChange(int i) {
     // that lands after its block was compared raises an event of its own,
     // which the next pass sees.
     std::span<const uint32_t> blocks;
-    if (lockMutexYielding(i, fn, eventsAsideForWait) != 0) return;
+    if (lockMutexYielding(i, fn) != 0) return;
     const uint8_t* map = pMappedFile[i];
     const uint8_t* prev = pPrevData[i];
     const uint32_t seen = std::min<uint32_t>(dwLenMappedFile[i], dwLenPrevData[i]);

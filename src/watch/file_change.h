@@ -12,5 +12,9 @@ void handleModifiedFile(int iFileIndex);
 // Diffs a same-length file against its private copy and notifies the
 // changed variables, in ascending ID order, after the file lock is released.
 void actionFileChange(int iFileIndex);
+// True (once) when a diff waited for another process with the file's modify
+// events off: whatever else such an event would have brought (a change of
+// length) is looked at in a pass of its own.
+bool takePassAgain(int iFileIndex);
 
 }  // namespace cm::watch

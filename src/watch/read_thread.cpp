@@ -18,6 +18,7 @@
 #include "platform/safe_open.h"
 #include "process/state.h"
 #include "storage/file_state.h"
+#include "storage/held_file.h"
 #include "storage/own_write.h"
 #include "storage/release.h"
 #include "storage/unlocked_look.h"
@@ -131,11 +132,15 @@ void runPass(int fd) {
     static uint8_t buffer[inotify::kEventBufferSize];
     inotify::PassFlags flags{};
     // Files that set-up found deleted again before their watch was in place
-    // are handled as deleted; the pass then only takes events already queued.
-    bool recheck = false;
-    for (int i = 0; i < kNumFiles; ++i)
-        if (inotify::takeRecheck(i)) flags.deleted[i] = recheck = true;
-    const ssize_t got = readEvents(fd, buffer, recheck);
+    // are handled as deleted, and files whose last diff waited with their
+    // modify events off as modified; the pass then only takes events
+    // already queued.
+    bool queuedOnly = false;
+    for (int i = 0; i < kNumFiles; ++i) {
+        if (inotify::takeRecheck(i)) flags.deleted[i] = queuedOnly = true;
+        if (takePassAgain(i)) flags.modified[i] = queuedOnly = true;
+    }
+    const ssize_t got = readEvents(fd, buffer, queuedOnly);
     if (got < 0) {
         if (process::killRequested()) return;
         const int e = errno;
@@ -181,6 +186,18 @@ void runPass(int fd) {
 // event of its own record write (the thread runs on an idle processor, or
 // when the running thread blocks or its time slice ends).  Only a thread of
 // the ordinary policy is moved; a real-time one keeps what it inherited.
+// A file held whole by a thread of this process (a restore) raises no modify
+// event here while held.  Should the events not come back on, the file is
+// set up again at the next pass, which is asked for at once.
+bool holdAside(int i, bool on) {
+    if (inotify::setModifyEvents(i, on)) return true;
+    if (on) {
+        inotify::markForRecheck(i);
+        wakeWatchThread();
+    }
+    return false;
+}
+
 void yieldToRunningThreads() {
     int policy = 0;
     sched_param param{};
@@ -253,6 +270,7 @@ int startWatchThread(void (*firstAct)()) {
     g_wakeUps.store(0);
     storage::ownwrite::reset();
     storage::ownwrite::setWake(wakeWatchThread);
+    storage::setHoldAside(holdAside);
     const int rc = pthread_create(&g_state.handle, nullptr, readThread, nullptr);
     g_state.joinable = rc == 0;
     pthread_mutex_unlock(&g_stateMutex);
