@@ -66,6 +66,14 @@ TEST_F(MultiProcess, WriteReachesEveryProcessOnceAndEqualWritesReachNobody) {
         EXPECT_EQ(a->callbacks(), (std::vector<int>{CMS_CONNECT_TIMEOUT, CMS_LINK_INACTIVITY, CMS_CONNECT_TIMEOUT,
                                                     CMS_LINK_INACTIVITY, CMS_CONNECT_TIMEOUT}));
     }
+    // A file grown while the watchers wait is cut back by the master all the same.
+    const int grown = open(fileOf(kGeneral).c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(fcntl(grown, F_SETLKW, &whole), 0);
+    ASSERT_EQ(pwrite(grown, "\x78", 1, recordOffset(CMS_CONNECT_TIMEOUT) + 4), 1);
+    ASSERT_TRUE(cmtest::waitFor([&] { return waiting(master) && waiting(other); }));
+    ASSERT_EQ(pwrite(grown, "0123456789abcdef", 16, cm::storage::correctLength(kGeneral)), 16);
+    close(grown);
+    EXPECT_TRUE(cmtest::waitFor([&] { return cmtest::readFile(fileOf(kGeneral)).size() == cm::storage::correctLength(kGeneral); }));
     EXPECT_EQ(master.finish(), 0);
     EXPECT_EQ(other.finish(), 0);
 }
