@@ -30,10 +30,11 @@ int addInotifyWatch(int iFileIndex, const struct stat* openFile);
 // could not be added, as addInotifyWatch reports it).
 bool addInotifyWatchNamed(int iFileIndex, dev_t dev, ino_t ino, struct stat* named);
 // Turns the modify events of the file's watch off (or back on) while the
-// watch thread waits for a file that another thread or process holds (a
-// restore, a load of defaults): each record written meanwhile would queue an
-// event, at a cost to its writer, and the diff that follows the wait sees
-// every one of those writes.  True when the watch's mask was changed.
+// file is held whole, by a thread of this process or by another process
+// that the watch thread waits for (a restore): each record written
+// meanwhile would queue an event, at a cost to its writer, and the pass
+// that follows the hold sees every one of those writes.  True when the
+// watch's mask was changed.
 bool setModifyEvents(int iFileIndex, bool on);
 // Takes back a watch that set-up added but does not keep.  The IN_IGNORED
 // event that the removal queues is then not reported as unknown.

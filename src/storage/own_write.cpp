@@ -23,16 +23,14 @@ void begin(int i) { g_underWay[i].store(true); }
 
 void eventFollows(int i) { g_underWay[i].store(false); }
 
-void noEventFollows(int i) {
-    g_underWay[i].store(false);
-    if (!g_left[i].exchange(false)) return;
+void askPass(int i) {
     g_redo[i].store(true);
     if (auto* wake = g_wake.load()) wake();
 }
 
-void askPass(int i) {
-    g_redo[i].store(true);
-    if (auto* wake = g_wake.load()) wake();
+void noEventFollows(int i) {
+    g_underWay[i].store(false);
+    if (g_left[i].exchange(false)) askPass(i);
 }
 
 bool leaveToNextEvent(int i) {

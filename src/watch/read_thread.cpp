@@ -181,11 +181,6 @@ void runPass(int fd) {
         for (int n = 0; left[i] && n < kOwnWriteYields && storage::ownwrite::underWay(i); ++n) sched_yield();
 }
 
-// An event wakes the thread without taking the processor from the thread
-// that is running: above all, a set of this process is not cut short by the
-// event of its own record write (the thread runs on an idle processor, or
-// when the running thread blocks or its time slice ends).  Only a thread of
-// the ordinary policy is moved; a real-time one keeps what it inherited.
 // A file held whole by a thread of this process (a restore) raises no modify
 // event here while held.  Should the events not come back on, the file is
 // set up again at the next pass, which is asked for at once.
@@ -198,6 +193,11 @@ bool holdAside(int i, bool on) {
     return false;
 }
 
+// An event wakes the thread without taking the processor from the thread
+// that is running: above all, a set of this process is not cut short by the
+// event of its own record write (the thread runs on an idle processor, or
+// when the running thread blocks or its time slice ends).  Only a thread of
+// the ordinary policy is moved; a real-time one keeps what it inherited.
 void yieldToRunningThreads() {
     int policy = 0;
     sched_param param{};
