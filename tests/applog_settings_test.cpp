@@ -27,7 +27,8 @@ TEST_F(Applog, RemoteLogEventText) {
     cmtest::CaptureSink log;
     const auto events = [&] {  // remote events only: the watch thread may log too
         auto lines = log.lines();
-        return std::erase_if(lines, [](const auto& l) { return l.text.rfind("^^VX", 0) != 0; }), lines;
+        std::erase_if(lines, [](const auto& l) { return l.text.rfind("^^VX", 0) != 0; });
+        return lines;
     };
     start();
     RemoteLog(6, 21, "%s", "too early");

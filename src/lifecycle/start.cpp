@@ -107,7 +107,6 @@ int init(int iMaster) {
         alreadyStartedWarning("CM_init");
         return CM_ERR_ALREADY_STARTED;
     }
-    (void)g_forkHandlerRegistered;
     // The thread of an earlier start must be gone before mCMMutex is taken:
     // one of its callbacks may be waiting for mCMMutex in a set.
     watch::waitForStaleWatchThread();
@@ -177,7 +176,6 @@ int initNoRegister() {
         alreadyStartedWarning("CM_initNoRegister");
         return CM_ERR_ALREADY_STARTED;
     }
-    (void)g_forkHandlerRegistered;
     fileAccessInitNoRegister();
     ucCMInitialised = kStarted;
     return CM_OK;

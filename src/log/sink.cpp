@@ -47,7 +47,6 @@ void emit(Channel ch, int priority, const char* fmt, va_list ap) {
 }
 
 void setSink(Sink* s) {
-    (void)g_forkHandler;
     g_sink.store(s);
     while (g_writing.load(std::memory_order_acquire) != 0) sched_yield();
 }

@@ -112,15 +112,7 @@ int lockRange(int i, off_t start, off_t length, const char* fn) {
     return -1;
 }
 
-int lockFile(int i, off_t start, off_t length) {
-    constexpr const char* fn = "CM_LockFile";
-    if (!checkIndex(i, fn)) return -1;
-    if (lockMutex(i, fn) != 0) {
-        logNoDescriptor(i, fn);
-        return -1;
-    }
-    return lockRange(i, start, length, fn);
-}
+int lockFile(int i, off_t start, off_t length) { return lockFileAside(i, start, length, nullptr); }
 
 int lockFileAside(int i, off_t start, off_t length, WaitAside aside) {
     constexpr const char* fn = "CM_LockFile";
@@ -129,6 +121,7 @@ int lockFileAside(int i, off_t start, off_t length, WaitAside aside) {
         logNoDescriptor(i, fn);
         return -1;
     }
+    if (aside == nullptr) return lockRange(i, start, length, fn);
     const short type = process::readOnly() ? F_RDLCK : F_WRLCK;
     if (setLock(fdRead[i], type, F_SETLK, start, length) == 0) return 0;
     if (errno != EAGAIN && errno != EACCES) return lockRange(i, start, length, fn);

@@ -31,7 +31,7 @@ int lockMutex(int iFileIndex, const char* fn);
 // holds the mutex, yields to it a few times before it blocks, so that the
 // holder neither loses its processor to the thread nor has to wake it.
 int lockMutexYielding(int iFileIndex, const char* fn);
-// lockFile for the watch thread: when another process holds the range,
+// lockFile with `aside` (if any): when another process holds the range,
 // `aside(i, true)` runs before the wait for it and `aside(i, false)` after.
 using WaitAside = void (*)(int iFileIndex, bool waiting);
 int lockFileAside(int iFileIndex, off_t start, off_t length, WaitAside aside);
@@ -49,9 +49,9 @@ int moveLock(int iFileIndex, off_t fromStart, off_t fromLength, off_t toStart, o
 // Holds a range lock for a scope.
 class FileLock {
 public:
-    FileLock(int iFileIndex, off_t start, off_t length)
+    FileLock(int iFileIndex, off_t start, off_t length, WaitAside aside = nullptr)
         : file_(iFileIndex), start_(start), length_(length) {
-        lockFile(file_, start_, length_);
+        lockFileAside(file_, start_, length_, aside);
     }
     ~FileLock() { unlockFile(file_, start_, length_); }
     FileLock(const FileLock&) = delete;

@@ -268,11 +268,7 @@ void actionFileChange(int i) {
     int nChanged = 0;
     bool repair = false;
     {
-        lockFileAside(i, 0, 0, eventsAsideForWait);
-        const struct Unlock {
-            int i;
-            ~Unlock() { unlockFile(i, 0, 0); }
-        } unlock{i};
+        FileLock whole(i, 0, 0, eventsAsideForWait);
         if (fdRead[i] < 0 || pPrevData[i] == nullptr || pMappedFile[i] == nullptr) return;
         // Only bytes both the mapping and the copy hold are compared.
         const uint32_t len = std::min<uint32_t>(dwLenMappedFile[i], dwLenPrevData[i]);
