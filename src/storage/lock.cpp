@@ -79,6 +79,8 @@ void unlockMutex(int i, const char* fn) {
                platform::tid(), pathOf(i), rc, std::strerror(rc));
 }
 
+bool holdsMutex(int i) { return i >= 0 && i < kNumFiles && (t_held & (1u << i)) != 0; }
+
 int lockRange(int i, off_t start, off_t length, const char* fn) {
     const int fd = fdRead[i];
     // A descriptor open for reading only can take only read locks.

@@ -36,6 +36,8 @@ int lockMutexYielding(int iFileIndex, const char* fn);
 using WaitAside = void (*)(int iFileIndex, bool waiting);
 int lockFileAside(int iFileIndex, off_t start, off_t length, WaitAside aside);
 void unlockMutex(int iFileIndex, const char* fn);
+// True when this thread holds the file's mutex.
+bool holdsMutex(int iFileIndex);
 int lockRange(int iFileIndex, off_t start, off_t length, const char* fn);
 
 // For a thread that holds a range lock taken by lockFile: releases the fcntl

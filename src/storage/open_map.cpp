@@ -277,7 +277,15 @@ int remapFile(int i, uint32_t length) {
     return mapFile(i, length);
 }
 
-int initialisePrevData(int i) { return initialisePrevData(i, "CM_InitialisePrevData", true); }
+int initialisePrevData(int i) {
+    constexpr const char* fn = "CM_InitialisePrevData";
+    // A caller from outside may not hold the file: the copy is then replaced
+    // under the file's mutex, never under a diff of the watch thread.
+    if (i < 0 || i >= kNumFiles || holdsMutex(i) || lockMutex(i, fn) != 0) return initialisePrevData(i, fn, true);
+    const int rc = initialisePrevData(i, fn, true);
+    unlockMutex(i, fn);
+    return rc;
+}
 
 int initialisePrevData(int i, const char* fn, bool logAlloc) {
     if (!checkIndex(i, fn)) return -1;
