@@ -198,22 +198,26 @@ bool holdAside(int i, bool on) {
 // event of its own record write (the thread runs on an idle processor, or
 // when the running thread blocks or its time slice ends).  Only a thread of
 // the ordinary policy is moved; a real-time one keeps what it inherited.
+// This is the thread's first act, and the processor is then given back
+// once: a new thread may be run at once on its creator's processor, and the
+// start that created it should not wait while the thread logs its banner.
 void yieldToRunningThreads() {
     int policy = 0;
     sched_param param{};
-    if (pthread_getschedparam(pthread_self(), &policy, &param) == 0 && policy == SCHED_OTHER)
-        pthread_setschedparam(pthread_self(), SCHED_BATCH, &param);
+    if (pthread_getschedparam(pthread_self(), &policy, &param) == 0 && policy == SCHED_OTHER &&
+        pthread_setschedparam(pthread_self(), SCHED_BATCH, &param) == 0)
+        sched_yield();
 }
 
 }  // namespace
 
 void* readThread(void*) {
+    yieldToRunningThreads();
     pthread_mutex_lock(&g_stateMutex);
     void (*const firstAct)() = g_state.firstAct;
     pthread_mutex_unlock(&g_stateMutex);
     if (firstAct != nullptr) firstAct();
     CM_LOG_TAGGED(293, "Started pthread PID=%d:%d running ConfigManager CM_ReadThread()\n", getpid(), platform::tid());
-    yieldToRunningThreads();
     const int fd = eventsFd();
     while (fd >= 0 && !process::killRequested()) runPass(fd);
     process::s_bKillCM = 0;
