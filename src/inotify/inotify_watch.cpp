@@ -85,6 +85,9 @@ bool setModifyEvents(int i, bool on) {
     // The file's watch was gone already (its IN_IGNORED event is on its
     // way): the one just made is taken back, unreported.
     if (got >= 0 && inotify_rm_watch(ifd, got) == 0) g_dropped.fetch_add(1);
+    // Events that cannot be turned back on are not lost for good: the file
+    // is set up again, with a new watch, at the next pass.
+    if (on) markForRecheck(i);
     return false;
 }
 

@@ -34,7 +34,8 @@ bool addInotifyWatchNamed(int iFileIndex, dev_t dev, ino_t ino, struct stat* nam
 // that the watch thread waits for (a restore): each record written
 // meanwhile would queue an event, at a cost to its writer, and the pass
 // that follows the hold sees every one of those writes.  True when the
-// watch's mask was changed.
+// watch's mask was changed; when the events could not be turned back on,
+// the file is marked for a re-check.
 bool setModifyEvents(int iFileIndex, bool on);
 // Takes back a watch that set-up added but does not keep.  The IN_IGNORED
 // event that the removal queues is then not reported as unknown.

@@ -44,6 +44,9 @@ void logNoDescriptor(int i, const char* fn) {
     CM_LOG(log::kErr, fn, "Invalid File descriptor for file no. %d ('%s')\n", i, pathOf(i));
 }
 
+// A descriptor open for reading only can take only read locks.
+short lockType() { return process::readOnly() ? F_RDLCK : F_WRLCK; }
+
 }  // namespace
 
 int lockMutex(int i, const char* fn) {
@@ -83,8 +86,7 @@ bool holdsMutex(int i) { return i >= 0 && i < kNumFiles && (t_held & (1u << i)) 
 
 int lockRange(int i, off_t start, off_t length, const char* fn) {
     const int fd = fdRead[i];
-    // A descriptor open for reading only can take only read locks.
-    const short type = process::readOnly() ? F_RDLCK : F_WRLCK;
+    const short type = lockType();
     if (setLock(fd, type, F_SETLKW, start, length) == 0) return 0;
     int err = errno;
     // Interrupted, deadlock-detected or out-of-locks requests are retried
@@ -124,8 +126,7 @@ int lockFileAside(int i, off_t start, off_t length, WaitAside aside) {
         return -1;
     }
     if (aside == nullptr) return lockRange(i, start, length, fn);
-    const short type = process::readOnly() ? F_RDLCK : F_WRLCK;
-    if (setLock(fdRead[i], type, F_SETLK, start, length) == 0) return 0;
+    if (setLock(fdRead[i], lockType(), F_SETLK, start, length) == 0) return 0;
     if (errno != EAGAIN && errno != EACCES) return lockRange(i, start, length, fn);
     aside(i, true);
     const int rc = lockRange(i, start, length, fn);

@@ -215,8 +215,6 @@ namespace {
 // A file this thread must wait for is held by another process meanwhile,
 // which may write it a record at a time (a restore): its modify events are
 // left out for the wait, and the file gets a pass of its own afterwards.
-// Should the events not come back on, the file is set up again, with a new
-// watch, at the next pass.
 bool g_eventsOff[kNumFiles];
 bool g_passAgain[kNumFiles];
 
@@ -228,7 +226,7 @@ void eventsAsideForWait(int i, bool waiting) {
     if (!g_eventsOff[i]) return;
     g_eventsOff[i] = false;
     g_passAgain[i] = true;
-    if (!inotify::setModifyEvents(i, true)) inotify::markForRecheck(i);
+    inotify::setModifyEvents(i, true);
 }
 
 }  // namespace

@@ -182,14 +182,11 @@ void runPass(int fd) {
 }
 
 // A file held whole by a thread of this process (a restore) raises no modify
-// event here while held.  Should the events not come back on, the file is
-// set up again at the next pass, which is asked for at once.
+// event here while held.  Should the events not come back on, the pass that
+// sets the file up again is asked for at once.
 bool holdAside(int i, bool on) {
     if (inotify::setModifyEvents(i, on)) return true;
-    if (on) {
-        inotify::markForRecheck(i);
-        wakeWatchThread();
-    }
+    if (on) wakeWatchThread();
     return false;
 }
 

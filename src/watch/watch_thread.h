@@ -19,8 +19,8 @@ bool onWatchThread();
 // In a forked child: forgets the parent's thread and its wake-up pipe.
 void forgetThreadAfterFork();
 // Starts the thread on the current inotify descriptor; pthread_create's
-// result.  The thread calls `firstAct` (if any) before anything else: work
-// the starter hands over rather than wait for.
+// result.  The thread calls `firstAct` (if any) before it logs anything or
+// reads an event: work the starter hands over rather than wait for.
 int startWatchThread(void (*firstAct)() = nullptr);
 
 // Wakes a thread blocked waiting for events so that it sees the kill flag.
