@@ -4,6 +4,8 @@
 // program the same way.
 #pragma once
 
+#include <linux/magic.h>
+#include <sys/statfs.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -33,11 +35,25 @@ inline double quantile(std::vector<double> v, double q) {
 }
 inline double median(std::vector<double> v) { return quantile(std::move(v), 0.5); }
 
+// Where scratch trees go: $CM_BENCH_DIR when set, else a memory file
+// system (/dev/shm), so that no disk or journal work of the host enters a
+// figure; /tmp when there is none.
+inline std::string scratchBase() {
+    if (const char* d = std::getenv("CM_BENCH_DIR"); d != nullptr && *d != 0) return d;
+    struct statfs fs{};
+    if (statfs("/dev/shm", &fs) == 0 && fs.f_type == TMPFS_MAGIC && access("/dev/shm", W_OK) == 0) return "/dev/shm";
+    return "/tmp";
+}
+
 // A private device tree (data file folders under a temporary root).
 struct ScratchRoot {
     ScratchRoot() {
-        char tmpl[] = "/tmp/cm-bench.XXXXXX";
-        dir = mkdtemp(tmpl);
+        std::string tmpl = scratchBase() + "/cm-bench.XXXXXX";
+        if (mkdtemp(tmpl.data()) == nullptr) {
+            std::perror("mkdtemp");
+            std::exit(1);
+        }
+        dir = tmpl;
         std::filesystem::create_directories(dir + "/var/AppData/config");
         std::filesystem::create_directories(dir + "/tmp");
     }

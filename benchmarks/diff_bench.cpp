@@ -10,9 +10,9 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
+#include "bench_report.h"
 #include "log/log.h"
 #include "platform/paths.h"
 #include "process/state.h"
@@ -26,16 +26,12 @@ constexpr int kCt = 5;  // 2274 records
 
 struct CtFile {
     CtFile() {
-        char tmpl[] = "/tmp/cm-bench.XXXXXX";
-        dir = mkdtemp(tmpl);
-        std::filesystem::create_directories(dir + "/var/AppData/config");
-        cm::paths::setRoot(dir);
+        cm::paths::setRoot(scratch.dir);
         cm::log::oLogMode = 0;  // keep the set-up quiet
         cm::process::bCMmaster = 1;
         cm::setup::setUpConfigFile(kCt);
     }
-    ~CtFile() { std::filesystem::remove_all(dir); }
-    std::string dir;
+    bench::ScratchRoot scratch;
 };
 
 CtFile& ctFile() {

@@ -17,10 +17,10 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
+#include "bench_report.h"
 #include "catalogue/catalogue.h"
 #include "configmanager/cm_host.h"
 #include "configmanager/configmanager.h"
@@ -116,11 +116,6 @@ struct Listener {
 
 struct World {
     World() {
-        const char* base = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-        std::string tmpl = std::string(std::getenv("CM_BENCH_DIR") ? std::getenv("CM_BENCH_DIR") : base) + "/cm-tags-bench.XXXXXX";
-        dir = mkdtemp(tmpl.data());
-        std::filesystem::create_directories(dir + "/tmp");
-        std::filesystem::create_directories(dir + "/var/AppData/config");
         listener.start(dir);  // before this process starts the library
         cm::log::setSink(&sink);
         CM_Host_SetRootDirectory(dir.c_str());
@@ -144,12 +139,10 @@ struct World {
         }
         listener.go();
     }
-    ~World() {
-        CM_Exit();
-        std::filesystem::remove_all(dir);
-    }
+    ~World() { CM_Exit(); }
     NullSink sink;
-    std::string dir;
+    bench::ScratchRoot scratch;
+    const std::string& dir = scratch.dir;
     Listener listener;
     std::vector<const char*> tags;
     std::vector<std::string> backups;
